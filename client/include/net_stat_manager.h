@@ -1,0 +1,31 @@
+// Network bandwidth by device.
+#ifndef NET_STAT_MANAGER_H
+#define NET_STAT_MANAGER_H
+
+#include <memory>
+#include <ostream>
+#include <string>
+
+#include "client_comm.h"
+#include "request_handler.h"
+
+class net_stat_manager : public ns_req_template::request_handler {
+ public:
+  net_stat_manager();
+  explicit net_stat_manager(std::shared_ptr<client_comm> connection);
+  // Connects; throws a `const char*` text when that fails, as client_comm does.
+  net_stat_manager(const std::string& ip, int port);
+  ~net_stat_manager();
+
+  // Starts network monitoring for this client; call it once, before the first get_bandwidth_stat.
+  int start_net_monitor();
+
+  // Appends the bandwidth of every network device since the last call, side by side, wrapped at 118
+  // columns, ended by a line end.
+  int get_bandwidth_stat(std::ostream* os);
+
+  // Stops network monitoring for this client.
+  int exit_net_monitor();
+};
+
+#endif

@@ -1,0 +1,34 @@
+// What the client classes share: a connection, and one request at a time.
+#ifndef REQUEST_HANDLER_H
+#define REQUEST_HANDLER_H
+
+#include <memory>
+#include <mutex>
+#include <utility>
+
+class client_comm;
+
+namespace ns_req_template {
+
+// Base of the client classes. Each of their operations may be called from any thread; calls on one
+// object take turns, and none takes longer than the connection's time-out.
+//
+// Unless an operation says otherwise, its `int` result is 0, or a negative errno when the server
+// refused (its status) or could not be asked (-ETIMEDOUT, -ECONNRESET, -EBADMSG, ...). Text is
+// appended to the stream only when the whole answer was good.
+class request_handler {
+ public:
+  request_handler() = default;
+  explicit request_handler(std::shared_ptr<client_comm> connection)
+      : client(std::move(connection)) {}
+
+  std::shared_ptr<client_comm>
+      client;           // empty in a default-constructed object: calls give -ENOTCONN
+  int request_cmd = 0;  // the command that this class's requests carry
+  std::mutex req_lock;  // held for one request
+  request_handler* manager = nullptr;  // the handler that this one works for, if any
+};
+
+}  // namespace ns_req_template
+
+#endif

@@ -1,0 +1,26 @@
+#include "bpu_ratio_manager.h"
+
+#include <utility>
+
+#include "requests.h"
+#include "texts.h"
+
+bpu_ratio_manager::bpu_ratio_manager() {
+  request_cmd = mon_protocol::cmd_bpu;
+}
+
+bpu_ratio_manager::bpu_ratio_manager(std::shared_ptr<client_comm> connection)
+    : request_handler(std::move(connection)) {
+  request_cmd = mon_protocol::cmd_bpu;
+}
+
+bpu_ratio_manager::bpu_ratio_manager(const std::string& ip, int port)
+    : bpu_ratio_manager(std::make_shared<client_comm>(ip, port)) {}
+
+bpu_ratio_manager::~bpu_ratio_manager() = default;
+
+int bpu_ratio_manager::get_bpu_ratio_all(std::ostream* os) {
+  constexpr size_t most_cores = 64;
+  return requests::query<bpu_stat>(*this, mon_protocol::bpu_ratio, nullptr, 0, most_cores,
+                                   texts::bpu, os);
+}

@@ -1,0 +1,26 @@
+#include "vio_info_manager.h"
+
+#include <utility>
+
+#include "requests.h"
+#include "texts.h"
+
+vio_info_manager::vio_info_manager() {
+  request_cmd = mon_protocol::cmd_vio;
+}
+
+vio_info_manager::vio_info_manager(std::shared_ptr<client_comm> connection)
+    : request_handler(std::move(connection)) {
+  request_cmd = mon_protocol::cmd_vio;
+}
+
+vio_info_manager::vio_info_manager(const std::string& ip, int port)
+    : vio_info_manager(std::make_shared<client_comm>(ip, port)) {}
+
+vio_info_manager::~vio_info_manager() = default;
+
+int vio_info_manager::sort_all_vio_fps(std::ostream* os) {
+  constexpr size_t most_pipelines = 64;
+  return requests::query<vio_stat>(*this, mon_protocol::vio_fps, nullptr, 0, most_pipelines,
+                                   texts::vio, os);
+}
