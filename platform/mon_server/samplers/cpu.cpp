@@ -1,0 +1,153 @@
+#include "samplers/cpu.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <limits>
+#include <string>
+
+#include "samplers/clock.h"
+#include "samplers/text.h"
+
+namespace samplers {
+namespace {
+
+constexpr float unknown_share = std::numeric_limits<float>::quiet_NaN();
+
+// A CPU line of /proc/stat as proc_stat(5) numbers its columns.
+bool parse_cpu_line(std::string_view line, cpu_times& times) {
+  const std::string_view label = take_word(line).substr(3);  // after "cpu"
+  if (!label.empty()) {
+    const uint64_t cpu = to_u64(label);
+    if (cpu >= max_cpus) {
+      return false;
+    }
+    times.cpu = static_cast<int32_t>(cpu);
+  }
+  uint64_t* const columns[] = {
+      &times.user,     // (1) user, includes (9) guest
+      &times.nice,     // (2) nice, includes (10) guest_nice
+      &times.system,   // (3) system
+      &times.idle,     // (4) idle
+      &times.iowait,   // (5) iowait, since Linux 2.5.41
+      &times.irq,      // (6) irq, since Linux 2.6.0
+      &times.softirq,  // (7) softirq, since Linux 2.6.0
+      &times.steal,    // (8) steal, since Linux 2.6.11
+  };
+  constexpr int needed = 4;
+  int number = 0;
+  for (uint64_t* column : columns) {
+    const std::string_view word = take_word(line);
+    if (word.empty()) {
+      break;
+    }
+    *column = to_u64(word);
+    if (*column == unknown_u64) {
+      return false;
+    }
+    ++number;
+  }
+  return number >= needed;
+}
+
+uint32_t read_frequency(const file_reader& machine, int32_t cpu) {
+  char path[80];
+  snprintf(path, sizeof path, "sys/devices/system/cpu/cpu%d/cpufreq/scaling_cur_freq", cpu);
+  const uint64_t khz = machine.read_u64(path);
+  return khz < unknown_u32 ? static_cast<uint32_t>(khz) : unknown_u32;
+}
+
+// The time between two lines of one CPU; false when a counter went down that never should.
+bool time_between(const cpu_times& before, const cpu_times& now, cpu_times& spent) {
+  constexpr uint64_t cpu_times::*counters[] = {&cpu_times::user,    &cpu_times::nice,
+                                               &cpu_times::system,  &cpu_times::irq,
+                                               &cpu_times::softirq, &cpu_times::steal};
+  for (const auto counter : counters) {
+    if (now.*counter < before.*counter) {
+      return false;
+    }
+    spent.*counter = now.*counter - before.*counter;
+  }
+  // These two may decrease, says proc_stat(5); that is no time and no fault.
+  spent.idle = now.idle - std::min(before.idle, now.idle);
+  spent.iowait = now.iowait - std::min(before.iowait, now.iowait);
+  return true;
+}
+
+cpu_usage shares(const cpu_times& now, const cpu_times& spent) {
+  const uint64_t total = spent.user + spent.nice + spent.system + spent.idle + spent.iowait +
+                         spent.irq + spent.softirq + spent.steal;
+  const auto share = [total](uint64_t ticks) {
+    return total == 0 ? unknown_share
+                      : static_cast<float>(100.0 * static_cast<double>(ticks) /
+                                           static_cast<double>(total));
+  };
+  cpu_usage usage{};
+  usage.cpu = now.cpu;
+  usage.freq_khz = now.freq_khz;
+  usage.user = share(spent.user);
+  usage.nice = share(spent.nice);
+  usage.system = share(spent.system);
+  usage.idle = share(spent.idle);
+  usage.iowait = share(spent.iowait);
+  usage.irq = share(spent.irq);
+  usage.softirq = share(spent.softirq);
+  usage.steal = share(spent.steal);
+  return usage;
+}
+
+}  // namespace
+
+int parse_cpu_times(std::string_view text, std::vector<cpu_times>& cpus) {
+  cpus.clear();
+  while (starts_with(text, "cpu") && cpus.size() <= max_cpus) {
+    cpu_times times;
+    if (parse_cpu_line(take_line(text), times)) {
+      cpus.push_back(times);
+    }
+  }
+  return !cpus.empty() && cpus.front().cpu == -1 ? 0 : -EBADMSG;
+}
+
+int read_cpu_sample(const file_reader& machine, cpu_sample& sample) {
+  std::string content;
+  const int error = machine.read("proc/stat", content);
+  sample.time_us = monotonic_us();
+  const int result = error != 0 ? error : parse_cpu_times(content, sample.cpus);
+  if (result != 0) {
+    sample.cpus.clear();
+    return result;
+  }
+  for (cpu_times& times : sample.cpus) {
+    if (times.cpu >= 0) {
+      times.freq_khz = read_frequency(machine, times.cpu);
+    }
+  }
+  return 0;
+}
+
+std::vector<cpu_usage> cpu_rates(const cpu_sample* before, const cpu_sample& now) {
+  std::vector<cpu_usage> usages;
+  usages.reserve(now.cpus.size());
+  size_t position = 0;  // in before->cpus: both ascend
+  for (const cpu_times& times : now.cpus) {
+    cpu_times start;
+    start.cpu = times.cpu;
+    if (before != nullptr) {
+      while (position < before->cpus.size() && before->cpus[position].cpu < times.cpu) {
+        ++position;
+      }
+      // A CPU that is not in `before` starts at its own figures: no time, hence unknown.
+      const bool found = position < before->cpus.size() && before->cpus[position].cpu == times.cpu;
+      start = found ? before->cpus[position] : times;
+    }
+    cpu_times spent;
+    if (!time_between(start, times, spent)) {
+      spent = cpu_times();
+    }
+    usages.push_back(shares(times, spent));
+  }
+  return usages;
+}
+
+}  // namespace samplers

@@ -1,0 +1,151 @@
+#include "samplers/file_reader.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "mon_records.h"
+#include "samplers/text.h"
+
+namespace samplers {
+namespace {
+
+// Holds any one-line file of sysfs that is read here.
+constexpr size_t line_buffer_size = 256;
+
+// Entries that one system call returns; a process's folder has some 30 bytes an entry.
+constexpr size_t listing_buffer_size = 32 * 1024;
+
+constexpr size_t first_file_size = 4096;
+
+// Never blocks, not even on a FIFO that lies in a board folder.
+file_descriptor open_file(int folder_fd, const char* path) {
+  return file_descriptor(openat(folder_fd, path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+}
+
+// Files of procfs and sysfs count as regular; a FIFO, a device or a folder holds no figure.
+file_descriptor open_regular_file(int folder_fd, const char* path, int& error) {
+  file_descriptor fd = open_file(folder_fd, path);
+  error = fd ? 0 : -errno;
+  struct stat status {};
+  if (fd && (fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode))) {
+    error = -EINVAL;
+  }
+  return fd;
+}
+
+// Calls `take` with each name in an open folder.
+template <typename taker>
+int for_each_name(int folder_fd, taker take) {
+  alignas(dirent64) char buffer[listing_buffer_size];
+  for (;;) {
+    const ssize_t size = getdents64(folder_fd, buffer, sizeof buffer);
+    if (size <= 0) {
+      return size == 0 ? 0 : -errno;
+    }
+    for (ssize_t offset = 0; offset < size;) {
+      const auto* entry = reinterpret_cast<const dirent64*>(buffer + offset);
+      take(static_cast<const char*>(entry->d_name));
+      offset += entry->d_reclen;
+    }
+  }
+}
+
+}  // namespace
+
+file_reader::file_reader(const std::string& root)
+    : own_machine(root.empty() || root == "/"),
+      root_fd(open(own_machine ? "/" : root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {}
+
+int file_reader::read(const char* path, std::string& content) const {
+  size_t length = 0;
+  int error = 0;
+  const file_descriptor fd = open_regular_file(root_fd.get(), path, error);
+  while (error == 0 && length < max_file_size) {
+    const size_t wanted = std::max({content.capacity(), first_file_size, length * 2});
+    content.resize(std::min(wanted, max_file_size));
+    const ssize_t size = ::read(fd.get(), content.data() + length, content.size() - length);
+    error = size < 0 ? -errno : 0;
+    if (size <= 0) {
+      break;
+    }
+    length += static_cast<size_t>(size);
+  }
+  content.resize(error == 0 ? length : 0);
+  return error;
+}
+
+int file_reader::read(const char* path, char* buffer, size_t size) const {
+  int error = 0;
+  const file_descriptor fd = open_regular_file(root_fd.get(), path, error);
+  if (error != 0) {
+    return error;
+  }
+  const ssize_t length = ::read(fd.get(), buffer, size);
+  return length < 0 ? -errno : static_cast<int>(length);
+}
+
+uint64_t file_reader::read_u64(const char* path) const {
+  return to_u64(read_line(path));
+}
+
+double file_reader::read_number(const char* path) const {
+  return leading_number(read_line(path));
+}
+
+std::string file_reader::read_line(const char* path) const {
+  char buffer[line_buffer_size];
+  const int size = read(path, buffer, sizeof buffer);
+  if (size <= 0) {
+    return {};
+  }
+  std::string_view text(buffer, static_cast<size_t>(size));
+  std::string_view line = take_line(text);
+  while (!line.empty() && (line.back() == ' ' || line.back() == '\t' || line.back() == '\r')) {
+    line.remove_suffix(1);
+  }
+  return std::string(line);
+}
+
+int file_reader::list(const char* path, std::vector<std::string>& names) const {
+  names.clear();
+  const file_descriptor fd = open_folder(path);
+  if (!fd) {
+    return -errno;
+  }
+  const int result = for_each_name(fd.get(), [&names](const char* name) {
+    if (name[0] != '.') {
+      names.emplace_back(name);
+    }
+  });
+  std::sort(names.begin(), names.end(), natural_less);
+  return result;
+}
+
+file_descriptor file_reader::open_folder(const char* path) const {
+  return file_descriptor(openat(root_fd.get(), path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+}
+
+int read_at(int folder_fd, const char* path, char* buffer, size_t size) {
+  const file_descriptor fd = open_file(folder_fd, path);
+  if (!fd) {
+    return -errno;
+  }
+  const ssize_t length = read(fd.get(), buffer, size);
+  return length < 0 ? -errno : static_cast<int>(length);
+}
+
+int list_numbers(int folder_fd, std::vector<int32_t>& numbers) {
+  numbers.clear();
+  return for_each_name(folder_fd, [&numbers](const char* name) {
+    const uint64_t number = name[0] >= '0' && name[0] <= '9' ? to_u64(name) : 0;
+    if (number > 0 && number <= INT32_MAX) {
+      numbers.push_back(static_cast<int32_t>(number));
+    }
+  });
+}
+
+}  // namespace samplers

@@ -1,0 +1,63 @@
+// The one way to the files of /proc, /sys and a board folder.
+#ifndef SAMPLERS_FILE_READER_H
+#define SAMPLERS_FILE_READER_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "samplers/file_descriptor.h"
+
+namespace samplers {
+
+// Longer files are cut here; /proc/stat of 1024 CPUs stays well below.
+constexpr size_t max_file_size = 1 << 20;
+
+// Reads below one folder: the machine's root, a tree that stands for it, or a board folder. Paths
+// are relative to it ("proc/stat"). Results are 0 (or a count) or a negative errno. May be used by
+// several threads at once.
+class file_reader {
+ public:
+  // "" and "/" are the machine's own root. If `root` cannot be opened every read fails.
+  explicit file_reader(const std::string& root);
+
+  // The whole file, up to max_file_size. `content` keeps its capacity from call to call.
+  int read(const char* path, std::string& content) const;
+
+  // At most `size` bytes, in one read; returns their count.
+  int read(const char* path, char* buffer, size_t size) const;
+
+  // The number that is all of a file, unknown_u64 when there is none.
+  uint64_t read_u64(const char* path) const;
+
+  // The number that a file begins with, NaN when there is none; see leading_number().
+  double read_number(const char* path) const;
+
+  // The first line of a file without trailing blanks; empty when it cannot be read.
+  std::string read_line(const char* path) const;
+
+  // Names in a folder without hidden ones, numbers in natural order.
+  int list(const char* path, std::vector<std::string>& names) const;
+
+  // Opens a folder to read below it; see read_at() and list_numbers().
+  file_descriptor open_folder(const char* path) const;
+
+  // True unless a tree stands in for the machine's own root.
+  const bool own_machine;
+
+ private:
+  file_descriptor root_fd;
+};
+
+// One read of at most `size` bytes from a file below an open folder, for the many files of
+// processes; returns the count of bytes or a negative errno.
+int read_at(int folder_fd, const char* path, char* buffer, size_t size);
+
+// The entries of an open folder whose names are positive numbers, in the folder's order. Reads on
+// from the descriptor's position, so a descriptor serves for one listing.
+int list_numbers(int folder_fd, std::vector<int32_t>& numbers);
+
+}  // namespace samplers
+
+#endif

@@ -1,0 +1,22 @@
+// The machine's memory: /proc/meminfo.
+#ifndef SAMPLERS_MEMORY_H
+#define SAMPLERS_MEMORY_H
+
+#include <cstdint>
+#include <string_view>
+
+#include "mon_records.h"
+#include "samplers/file_reader.h"
+
+namespace samplers {
+
+// The figure of one line of /proc/meminfo in KiB ("MemTotal"), unknown_u64 when there is none.
+uint64_t meminfo_value(std::string_view text, std::string_view name);
+
+// A line that is missing makes its figure unknown_u64.
+int parse_meminfo(std::string_view text, meminfo& info);
+int read_meminfo(const file_reader& machine, meminfo& info);
+
+}  // namespace samplers
+
+#endif

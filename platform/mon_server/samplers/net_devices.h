@@ -1,0 +1,33 @@
+// Traffic of network devices: /proc/net/dev.
+#ifndef SAMPLERS_NET_DEVICES_H
+#define SAMPLERS_NET_DEVICES_H
+
+#include <cstdint>
+#include <string_view>
+#include <vector>
+
+#include "mon_records.h"
+#include "samplers/file_reader.h"
+
+namespace samplers {
+
+struct net_entry {
+  char dev_name[16] = {};
+  uint64_t bytes = 0;  // received and sent since the device came up
+};
+
+struct net_sample {
+  int64_t time_us = 0;             // monotonic
+  std::vector<net_entry> entries;  // in the kernel's order
+};
+
+int parse_net_dev(std::string_view text, std::vector<net_entry>& entries);
+int read_net_sample(const file_reader& machine, net_sample& sample);
+
+// The rates between two samples. A rate is unknown without `before`, for a device that is new since
+// then, and when the counter went down (32 bits wide on some drivers).
+std::vector<net_stat> net_rates(const net_sample* before, const net_sample& now);
+
+}  // namespace samplers
+
+#endif
