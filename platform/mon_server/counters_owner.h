@@ -1,0 +1,43 @@
+// The performance counters, which belong to one session at a time.
+#ifndef COUNTERS_OWNER_H
+#define COUNTERS_OWNER_H
+
+#include <memory>
+
+#include "mon_records.h"
+#include "samplers/counters.h"
+
+// What a session knows of the counters.
+struct counters_claim {
+  bool refused = false;  // its last enable was answered -EBUSY: its next disable takes them
+  bool lost = false;     // another session took them from it
+};
+
+// Results are 0 or a negative errno. A session is known by its claim's address.
+class counters_owner {
+ public:
+  // Starts counting for the session. -EBUSY while another one has the counters.
+  int enable(counters_claim& claim);
+
+  // Stops counting when the session has the counters. Takes them from whoever has them when the
+  // session's last enable was refused; changes nothing otherwise.
+  int disable(counters_claim& claim);
+
+  // Counts since the session's last read, or since it was enabled. -EBUSY when another session has
+  // the counters, or took them from this one; -EINVAL when this one never asked for them.
+  int read(counters_claim& claim, perf_sample& sample);
+
+  // The session ends.
+  void release(counters_claim& claim);
+
+ private:
+  void stop();
+
+  // Counting is done on this machine, whatever tree its other figures are read from.
+  const samplers::file_reader machine{""};
+  counters_claim* holder = nullptr;
+  std::unique_ptr<samplers::counter_set> counters;  // open while there is a holder
+  samplers::counter_reading last;
+};
+
+#endif

@@ -1,0 +1,37 @@
+#include <asio/io_context.hpp>
+#include <asio/signal_set.hpp>
+#include <csignal>
+#include <iostream>
+#include <string>
+
+#include "server.h"
+#include "server_log.h"
+#include "server_options.h"
+
+int main(int argc, char** argv) {
+  server_options options;
+  std::string text;
+  switch (parse_server_options(argc, argv, options, text)) {
+    case command_line::done:
+      std::cout << text;
+      return 0;
+    case command_line::wrong:
+      std::cerr << text;
+      return 2;
+    case command_line::run:
+      break;
+  }
+  // Log lines to a reader that went away must not end the server.
+  std::signal(SIGPIPE, SIG_IGN);
+  asio::io_context loop(1);
+  server monitor(loop, options);
+  const std::string problem = monitor.listen();
+  if (!problem.empty()) {
+    server_log(log_priority::error, problem);
+    return 1;
+  }
+  asio::signal_set stop(loop, SIGTERM, SIGINT);
+  stop.async_wait([&loop](const asio::error_code&, int) { loop.stop(); });
+  loop.run();
+  return 0;
+}

@@ -1,0 +1,39 @@
+#include "server_log.h"
+
+#include <unistd.h>
+
+#include "samplers/clock.h"
+
+namespace {
+
+constexpr int64_t minute_us = 60 * 1000000LL;
+
+}  // namespace
+
+void server_log(log_priority priority, const std::string& text) {
+  std::string line = '<' + std::to_string(static_cast<int>(priority)) + '>' + text;
+  for (char& c : line) {
+    if (c < ' ' || c > '~') {
+      c = '?';
+    }
+  }
+  line += '\n';
+  [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, line.data(), line.size());
+}
+
+void limited_log::write(log_priority priority, const std::string& text) {
+  const int64_t now_us = samplers::monotonic_us();
+  if (minute_start_us == INT64_MIN || now_us - minute_start_us >= minute_us) {
+    minute_start_us = now_us;
+    written = 0;
+  }
+  if (written >= most) {
+    ++left_out;
+    return;
+  }
+  ++written;
+  server_log(priority, left_out == 0
+                           ? text
+                           : text + " (" + std::to_string(left_out) + " such lines left out)");
+  left_out = 0;
+}

@@ -1,0 +1,154 @@
+#include "session.h"
+
+#include <asio/buffer.hpp>
+#include <asio/read.hpp>
+#include <asio/write.hpp>
+#include <chrono>
+#include <utility>
+
+namespace {
+
+// A client that drips its request, or does not read its answers, holds up nobody but itself, and
+// nothing for long.
+constexpr std::chrono::seconds message_limit{5};
+constexpr size_t most_unread = 1 << 20;
+// The kernel would otherwise take several megabytes of answers before most_unread counts.
+constexpr int send_buffer_size = 128 * 1024;
+
+std::string name_of(const asio::ip::tcp::socket& socket) {
+  asio::error_code error;
+  const auto peer = socket.remote_endpoint(error);
+  return error ? "?" : peer.address().to_string() + " port " + std::to_string(peer.port());
+}
+
+}  // namespace
+
+session::session(asio::ip::tcp::socket connection, uint32_t client_id, machine_figures& machine,
+                 limited_log& log, std::function<void()> tell_end)
+    : socket(std::move(connection)),
+      deadline(socket.get_executor()),
+      id(client_id),
+      peer(name_of(socket)),
+      figures(machine),
+      bad_peers(log),
+      on_end(std::move(tell_end)) {
+  asio::error_code ignored;
+  socket.set_option(asio::ip::tcp::no_delay(true), ignored);
+  // Finds out about a client whose machine went away without a word.
+  socket.set_option(asio::socket_base::keep_alive(true), ignored);
+  socket.set_option(asio::socket_base::send_buffer_size(send_buffer_size), ignored);
+}
+
+void session::start() {
+  read_first();
+}
+
+// Waits for a message to begin, for as long as it takes.
+void session::read_first() {
+  socket.async_read_some(asio::buffer(head),
+                         [self = shared_from_this()](const asio::error_code& error, size_t length) {
+                           if (error) {
+                             return self->end("");
+                           }
+                           self->head_filled = length;
+                           self->begin_deadline();
+                           self->read_rest();
+                         });
+}
+
+void session::read_rest() {
+  asio::async_read(socket, asio::buffer(head.data() + head_filled, head.size() - head_filled),
+                   [self = shared_from_this()](const asio::error_code& error, size_t) {
+                     if (error) {
+                       return self->end("");
+                     }
+                     self->take_header();
+                   });
+}
+
+void session::take_header() {
+  const std::string bad = mon_protocol::decode_header(head.data(), mon_protocol::type_request,
+                                                      mon_protocol::max_request_payload, request);
+  if (!bad.empty()) {
+    return end(bad);
+  }
+  payload.resize(request.length);
+  asio::async_read(socket, asio::buffer(payload),
+                   [self = shared_from_this()](const asio::error_code& error, size_t) {
+                     if (error) {
+                       return self->end("");
+                     }
+                     self->take_message();
+                   });
+}
+
+void session::take_message() {
+  deadline.cancel();
+  if (!mon_protocol::crc_matches(request, payload.data())) {
+    return end("CRC of a request does not match");
+  }
+  handle_request(request, payload, state, figures,
+                 [self = shared_from_this()](const answer& result) { self->answer_with(result); });
+}
+
+// The next request is read only now, so answers leave in the order of their requests.
+void session::answer_with(const answer& result) {
+  if (ended) {
+    return;
+  }
+  mon_protocol::message_header head_of_answer{};
+  head_of_answer.command = request.command;
+  head_of_answer.sub_command = request.sub_command;
+  head_of_answer.type = mon_protocol::type_answer;
+  const bool handed_back = request.command == mon_protocol::cmd_connection &&
+                           request.sub_command == mon_protocol::connection_back_id;
+  head_of_answer.client_id = handed_back ? 0 : id;
+  head_of_answer.timestamp_us = request.timestamp_us;
+  head_of_answer.status = result.status;
+  mon_protocol::encode(head_of_answer, result.payload.data(), result.payload.size(), waiting);
+  if (waiting.size() + outgoing.size() > most_unread) {
+    return end("answers are not read");
+  }
+  send();
+  read_first();
+}
+
+void session::send() {
+  if (!outgoing.empty() || waiting.empty()) {
+    return;
+  }
+  outgoing.swap(waiting);
+  asio::async_write(socket, asio::buffer(outgoing),
+                    [self = shared_from_this()](const asio::error_code& error, size_t) {
+                      if (error) {
+                        return self->end("");
+                      }
+                      self->outgoing.clear();
+                      self->send();
+                    });
+}
+
+void session::begin_deadline() {
+  deadline.expires_after(message_limit);
+  deadline.async_wait([weak = weak_from_this()](const asio::error_code& error) {
+    const auto self = weak.lock();
+    if (!error && self) {
+      self->end("a request was begun and not completed");
+    }
+  });
+}
+
+void session::end(const std::string& why) {
+  if (ended) {
+    return;
+  }
+  ended = true;
+  if (!why.empty()) {
+    bad_peers.write(log_priority::warning, "client " + peer + ": " + why + "; connection closed");
+  }
+  asio::error_code ignored;
+  deadline.cancel();
+  socket.close(ignored);
+  release_session(state, figures);
+  on_end();
+}

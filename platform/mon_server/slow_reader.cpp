@@ -1,0 +1,162 @@
+#include "slow_reader.h"
+
+#include <asio/post.hpp>
+#include <asio/steady_timer.hpp>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+#include "samplers/clock.h"
+
+namespace {
+
+// Below the client's own time-out of 2 s, so that it gets an answer with the rest of the figures.
+constexpr int64_t deadline_us = 1000000;
+// Drivers' locks are not taken more often than this, however many clients ask.
+constexpr int64_t young_us = 500000;
+// Keys come from clients (paths); more are not kept, nor read at a time.
+constexpr size_t most_entries = 64;
+
+}  // namespace
+
+struct slow_reader::waiter {
+  waiter(asio::io_context& loop, reply to_answer) : answer(std::move(to_answer)), timer(loop) {}
+
+  // The first of result and deadline counts.
+  void settle(const std::shared_ptr<const bytes>& result) {
+    if (answer) {
+      timer.cancel();
+      std::exchange(answer, nullptr)(result);
+    }
+  }
+
+  reply answer;
+  asio::steady_timer timer;
+};
+
+// Shared with its threads, which may outlive the reader.
+struct slow_reader::thread_pool : std::enable_shared_from_this<thread_pool> {
+  struct task {
+    job read;
+    std::function<void(bytes)> hand_over;  // called with `lock` held, and not once stopped
+  };
+
+  void add(task new_task) {
+    const std::lock_guard<std::mutex> guard(lock);
+    tasks.push_back(std::move(new_task));
+    if (idle < tasks.size() && threads < most_threads) {
+      ++threads;
+      std::thread([self = shared_from_this()] { self->run(); }).detach();
+    }
+    work.notify_one();
+  }
+
+  void run() {
+    std::unique_lock<std::mutex> guard(lock);
+    while (true) {
+      ++idle;
+      work.wait(guard, [this] { return stopped || !tasks.empty(); });
+      --idle;
+      if (stopped) {
+        return;
+      }
+      const task next = std::move(tasks.front());
+      tasks.pop_front();
+      guard.unlock();
+      bytes result = next.read();
+      guard.lock();
+      if (!stopped) {
+        next.hand_over(std::move(result));
+      }
+    }
+  }
+
+  void stop() {
+    const std::lock_guard<std::mutex> guard(lock);
+    stopped = true;
+    tasks.clear();
+    work.notify_all();
+  }
+
+  size_t most_threads = 1;
+  std::mutex lock;  // guards what follows
+  std::condition_variable work;
+  std::deque<task> tasks;
+  size_t threads = 0;
+  size_t idle = 0;
+  bool stopped = false;
+};
+
+slow_reader::slow_reader(asio::io_context& event_loop, size_t threads)
+    : loop(event_loop), pool(std::make_shared<thread_pool>()) {
+  pool->most_threads = threads;
+}
+
+slow_reader::~slow_reader() {
+  pool->stop();
+}
+
+void slow_reader::ask(const std::string& key, const job& read, const reply& answer) {
+  forget_old();
+  entry& slot = entries[key];
+  const int64_t now_us = samplers::monotonic_us();
+  if (slot.result && now_us - slot.ended_us < young_us) {
+    answer(slot.result);
+    return;
+  }
+  const bool stuck = slot.under_way && now_us - slot.started_us >= deadline_us;
+  if (stuck || (!slot.under_way && !start(key, slot, read))) {
+    answer(nullptr);
+    return;
+  }
+  wait_for(slot, answer);
+}
+
+bool slow_reader::start(const std::string& key, entry& slot, const job& read) {
+  if (entries.size() > most_entries) {
+    entries.erase(key);
+    return false;
+  }
+  slot.under_way = true;
+  slot.started_us = samplers::monotonic_us();
+  pool->add({read, [this, key](bytes result) {
+               asio::post(loop, [this, key, result = std::move(result)]() mutable {
+                 ended(key, std::move(result));
+               });
+             }});
+  return true;
+}
+
+void slow_reader::wait_for(entry& slot, const reply& answer) {
+  auto waiting = std::make_shared<waiter>(loop, answer);
+  slot.waiters.push_back(waiting);
+  waiting->timer.expires_after(std::chrono::microseconds(deadline_us));
+  waiting->timer.async_wait([waiting](const asio::error_code& error) {
+    if (!error) {
+      waiting->settle(nullptr);
+    }
+  });
+}
+
+void slow_reader::ended(const std::string& key, bytes result) {
+  entry& slot = entries[key];
+  slot.under_way = false;
+  slot.ended_us = samplers::monotonic_us();
+  slot.result = std::make_shared<const bytes>(std::move(result));
+  const auto waiters = std::exchange(slot.waiters, {});
+  const auto kept = slot.result;
+  for (const auto& waiting : waiters) {
+    waiting->settle(kept);
+  }
+}
+
+void slow_reader::forget_old() {
+  const int64_t now_us = samplers::monotonic_us();
+  for (auto one = entries.begin(); one != entries.end();) {
+    const bool old = !one->second.under_way && now_us - one->second.ended_us >= young_us;
+    one = old ? entries.erase(one) : std::next(one);
+  }
+}

@@ -1,0 +1,274 @@
+// The server over its socket: what it answers, what it refuses, and what clients notice of each
+// other.
+#include <gmock/gmock.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "bpu_ratio_manager.h"
+#include "cpu_stat_manager.h"
+#include "mon_protocol.h"
+#include "net_stat_manager.h"
+#include "peri_stat_manager.h"
+#include "running_server.h"
+#include "vio_info_manager.h"
+
+namespace {
+
+using bytes = std::vector<uint8_t>;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+constexpr char loopback[] = "127.0.0.1";
+
+bytes request(uint16_t command, uint16_t sub_command, const bytes& payload = {}) {
+  mon_protocol::message_header header{};
+  header.type = mon_protocol::type_request;
+  header.command = command;
+  header.sub_command = sub_command;
+  bytes message;
+  mon_protocol::encode(header, payload.data(), payload.size(), message);
+  return message;
+}
+
+// The status of the answer, INT32_MAX when there is none.
+int32_t status_of(const raw_connection& connection, const bytes& message) {
+  mon_protocol::message_header answer{};
+  if (!connection.write(message) || !connection.read(&answer, sizeof answer)) {
+    return INT32_MAX;
+  }
+  bytes payload(answer.length);
+  return connection.read(payload.data(), payload.size()) ? answer.status : INT32_MAX;
+}
+
+template <class client, class query>
+std::string text_of(client& object, query ask) {
+  std::ostringstream text;
+  EXPECT_EQ((object.*ask)(&text), 0);
+  return text.str();
+}
+
+// A tree of /proc whose files the test changes while the server runs.
+class changing_proc {
+ public:
+  changing_proc() : root(testing::TempDir() + "zorva-proc-" + std::to_string(getpid())) {
+    std::filesystem::create_directories(root + "/proc/net");
+    options.sysroot = root;
+  }
+  ~changing_proc() { std::filesystem::remove_all(root); }
+  void write(const std::string& file, const std::string& text) const {
+    std::ofstream(root + "/proc/" + file + ".new") << text;
+    std::filesystem::rename(root + "/proc/" + file + ".new", root + "/proc/" + file);
+  }
+  void eth0_received(uint64_t total) const {
+    write("net/dev",
+          "Inter-|   Receive                            |  Transmit\n"
+          " face |bytes packets errs drop fifo frame compressed multicast|bytes packets errs drop "
+          "fifo colls carrier compressed\n"
+          "  eth0:" +
+              std::to_string(total) + " 1 0 0 0 0 0 0 0 0 0 0 0 0 0 0\n");
+  }
+
+  server_options options;
+
+ private:
+  const std::string root;
+};
+
+TEST(server, answers_every_family_from_a_tree_of_files) {
+  server_options options;
+  options.sysroot = ZORVA_FIXTURES "/cpu64";
+  options.board = ZORVA_FIXTURES "/board-4core/board";
+  const running_server server(options);
+  cpu_stat_manager cpu(loopback, server.port);
+  peri_stat_manager peri(loopback, server.port);
+  bpu_ratio_manager bpu(loopback, server.port);
+  vio_info_manager vio(loopback, server.port);
+  EXPECT_THAT(text_of(cpu, &cpu_stat_manager::get_cpu_usage), StartsWith("CPU %"));
+  EXPECT_EQ(cpu.cpus_num, 64);
+  std::ostringstream list;
+  EXPECT_EQ(cpu.get_process_all(0xff01, &list), 0);
+  EXPECT_THAT(list.str(), HasSubstr("THREADS"));
+  EXPECT_THAT(text_of(peri, &peri_stat_manager::get_all_thermal), StartsWith("Thermal  "));
+  EXPECT_THAT(text_of(peri, &peri_stat_manager::get_meminfo), StartsWith("[Mem total "));
+  EXPECT_THAT(text_of(peri, &peri_stat_manager::get_ion_info), StartsWith("[ION "));
+  EXPECT_THAT(text_of(peri, &peri_stat_manager::get_block_usage), StartsWith("Block KB/s  "));
+  EXPECT_THAT(text_of(bpu, &bpu_ratio_manager::get_bpu_ratio_all), HasSubstr("bpu10 "));
+  EXPECT_THAT(text_of(vio, &vio_info_manager::sort_all_vio_fps), HasSubstr("fps\n"));
+  std::vector<const char*> parts = {"/", "/no/such/mount"};
+  std::ostringstream partitions;
+  EXPECT_EQ(peri.get_partition_info(parts, &partitions), 0);
+  EXPECT_THAT(partitions.str(), StartsWith("Partitions  / "));
+  EXPECT_THAT(partitions.str(), HasSubstr("/no/such/mount -"));
+}
+
+TEST(server, requests_without_sense_are_refused_and_the_connection_lives) {
+  const running_server server;
+  const raw_connection connection(server.port);
+  EXPECT_EQ(status_of(connection, request(99, 1)), -ENOSYS);
+  for (const uint16_t command : {1, 2, 3, 4, 5, 6}) {
+    EXPECT_EQ(status_of(connection, request(command, 99)), -ENOSYS);
+  }
+  EXPECT_EQ(status_of(connection, request(2, mon_protocol::cpu_process_list)), -EINVAL);
+  EXPECT_EQ(status_of(connection, request(2, mon_protocol::cpu_perf_data)), -EINVAL);
+  EXPECT_EQ(status_of(connection, request(3, mon_protocol::peri_partitions, bytes(33))), -EINVAL);
+  EXPECT_EQ(status_of(connection, request(3, mon_protocol::peri_partitions, bytes(32, 'x'))),
+            -EINVAL);
+  EXPECT_EQ(status_of(connection, request(3, mon_protocol::peri_partitions, bytes(32 * 17))),
+            -EINVAL);
+  EXPECT_EQ(status_of(connection, request(6, mon_protocol::net_bandwidth)), -EINVAL);
+  EXPECT_EQ(status_of(connection, request(1, mon_protocol::connection_hello)), 0);
+}
+
+// Each of these ends its own connection, and a client beside them goes on.
+TEST(server, bad_messages_close_their_connection_only) {
+  const running_server server;
+  peri_stat_manager bystander(loopback, server.port);
+  const bytes hello = request(1, mon_protocol::connection_hello);
+  bytes wrong_crc = hello;
+  wrong_crc[36] ^= 1;
+  bytes huge = hello;
+  huge[13] = 0x20;  // 8192 bytes of payload
+  const std::string http = "GET / HTTP/1.1\r\nHost: localhost\r\nUser-Agent: a browser\r\n\r\n";
+  for (const bytes& bad : {wrong_crc, huge, bytes(http.begin(), http.end()), bytes(40, 0)}) {
+    const raw_connection connection(server.port);
+    EXPECT_TRUE(connection.write(bad));
+    EXPECT_TRUE(connection.closed_by_server());
+    EXPECT_THAT(text_of(bystander, &peri_stat_manager::get_meminfo), StartsWith("[Mem total "));
+  }
+  // A client that leaves in the middle of a message.
+  for (size_t length = 1; length < hello.size(); ++length) {
+    const raw_connection connection(server.port);
+    EXPECT_TRUE(connection.write(bytes(hello.begin(), hello.begin() + static_cast<long>(length))));
+  }
+  EXPECT_THAT(text_of(bystander, &peri_stat_manager::get_meminfo), StartsWith("[Mem total "));
+}
+
+TEST(server, limits_close_slow_writers_and_those_who_do_not_read) {
+  const running_server server;
+  peri_stat_manager bystander(loopback, server.port);
+  const raw_connection slow_writer(server.port);
+  EXPECT_TRUE(slow_writer.write({0xf5}));
+
+  const raw_connection never_reads(server.port);
+  const int small = 4096;
+  setsockopt(never_reads.fd, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+  const bytes list = request(2, mon_protocol::cpu_process_list, {1, 0, 0, 0});
+  const timeval patience{20, 0};
+  setsockopt(never_reads.fd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+  // Some kilobytes an answer: a million requests are far beyond what may wait.
+  bool open = true;
+  for (int i = 0; open && i < 1000000; ++i) {
+    open = never_reads.write(list);
+  }
+  EXPECT_FALSE(open);
+  EXPECT_THAT(text_of(bystander, &peri_stat_manager::get_meminfo), StartsWith("[Mem total "));
+  EXPECT_TRUE(slow_writer.closed_by_server());
+}
+
+TEST(server, takes_64_connections_and_then_more_when_one_goes) {
+  const running_server server;
+  std::vector<std::unique_ptr<raw_connection>> all;
+  const bytes hello = request(1, mon_protocol::connection_hello);
+  for (int i = 0; i < 64; ++i) {
+    all.push_back(std::make_unique<raw_connection>(server.port));
+    ASSERT_EQ(status_of(*all.back(), hello), 0);
+  }
+  const raw_connection one_more(server.port);
+  EXPECT_TRUE(one_more.closed_by_server());
+  EXPECT_EQ(status_of(*all.front(), hello), 0);
+  all.pop_back();
+  bool taken = false;
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (!taken && std::chrono::steady_clock::now() < limit) {
+    const raw_connection next(server.port);
+    taken = status_of(next, hello) == 0;
+  }
+  EXPECT_TRUE(taken);
+}
+
+double eth0_rate(net_stat_manager& net) {
+  const std::string text = text_of(net, &net_stat_manager::get_bandwidth_stat);
+  double rate = -1;
+  std::sscanf(text.c_str(), "Net KB/s  eth0 %lf", &rate);
+  return rate;
+}
+
+// The same bytes seen by a client over its long interval and by one that came later: each divides
+// what it saw pass by the time that it watched.
+TEST(server, each_client_has_rates_over_its_own_interval) {
+  const changing_proc proc;
+  proc.eth0_received(0);
+  const running_server server(proc.options);
+  net_stat_manager early(loopback, server.port);
+  EXPECT_EQ(early.start_net_monitor(), 0);
+  proc.eth0_received(1 << 20);
+  net_stat_manager late(loopback, server.port);
+  // Samples are shared for a tenth of a second: the late one starts once the change is seen.
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  double early_rate = 0;
+  while (early_rate <= 0 && std::chrono::steady_clock::now() < limit) {
+    early_rate = eth0_rate(early);
+  }
+  EXPECT_GT(early_rate, 0);
+  EXPECT_EQ(late.start_net_monitor(), 0);
+  double late_rate = -1;
+  while (late_rate < 0 && std::chrono::steady_clock::now() < limit) {
+    late_rate = eth0_rate(late);  // "-" until a second sample is there
+  }
+  EXPECT_EQ(late_rate, 0);
+}
+
+TEST(server, monitoring_stops_with_its_session_and_with_its_id) {
+  const changing_proc proc;
+  proc.eth0_received(0);
+  const running_server server(proc.options);
+  const raw_connection connection(server.port);
+  const bytes bandwidth = request(6, mon_protocol::net_bandwidth);
+  EXPECT_EQ(status_of(connection, request(6, mon_protocol::net_start)), 0);
+  EXPECT_EQ(status_of(connection, bandwidth), 0);
+  EXPECT_EQ(status_of(connection, request(1, mon_protocol::connection_back_id)), 0);
+  EXPECT_EQ(status_of(connection, bandwidth), -EINVAL);
+}
+
+// The counters go to the client that asked last, the other one learns of it, and may ask in turn.
+TEST(server, counters_move_between_clients) {
+  const running_server server;
+  auto first = std::make_unique<cpu_stat_manager>(loopback, server.port);
+  cpu_stat_manager second(loopback, server.port);
+  cpu_stat_manager third(loopback, server.port);
+  std::ostringstream text;
+  const int started = first->enable_perf_mon();
+  if (started < 0) {
+    EXPECT_NE(started, -EBUSY);
+    GTEST_SKIP() << "no counters on this machine: " << started;
+  }
+  EXPECT_EQ(first->enable_perf_mon(), 0) << "they are its own already";
+  EXPECT_EQ(first->get_perf_data(&text), 0);
+  EXPECT_THAT(text.str(), StartsWith("Counters"));
+  EXPECT_EQ(third.disable_perf_mon(), 0);  // was not refused: takes nothing from anybody
+  EXPECT_EQ(first->get_perf_data(&text), 0);
+
+  EXPECT_EQ(second.enable_perf_mon(), -EBUSY);
+  EXPECT_EQ(second.get_perf_data(&text), -EBUSY);
+  EXPECT_EQ(second.disable_perf_mon(), 0);
+  EXPECT_EQ(second.enable_perf_mon(), 0);
+  EXPECT_EQ(first->get_perf_data(&text), -EBUSY);
+  EXPECT_EQ(second.get_perf_data(&text), 0);
+
+  // Whoever has them and goes leaves them to the next.
+  EXPECT_EQ(first->enable_perf_mon(), -EBUSY);
+  EXPECT_EQ(first->disable_perf_mon(), 0);
+  EXPECT_EQ(first->enable_perf_mon(), 0);
+  first.reset();
+  int status = -EBUSY;
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (status == -EBUSY && std::chrono::steady_clock::now() < limit) {
+    status = third.enable_perf_mon();
+  }
+  EXPECT_EQ(status, 0);
+}
+
+}  // namespace
