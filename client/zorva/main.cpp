@@ -1,0 +1,70 @@
+// The program's entry: the steps of a run.
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+#include <string>
+#include <thread>
+
+#include "zorva/monitor.h"
+#include "zorva/report.h"
+#include "zorva/settings.h"
+#include "zorva/signals.h"
+
+#ifdef ZORVA_OWN_LOG
+#include "log_file.h"
+#endif
+
+namespace {
+
+void open_log_file() {
+#ifdef ZORVA_OWN_LOG
+  if (manager.log_file.empty()) {
+    return;
+  }
+  if (zorva_log_to_file == nullptr) {
+    std::cerr << "zorva: -l has no effect with this log library" << std::endl;
+    return;
+  }
+  const int ret = zorva_log_to_file(manager.log_file.c_str());
+  if (ret < 0) {
+    std::cerr << "zorva: cannot open log file " << manager.log_file << ": " << strerror(-ret)
+              << "; the log goes to syslog" << std::endl;
+  }
+#endif
+}
+
+void run_reports() {
+  std::thread top_thread(zorva_thread, top);
+  zorva_manage::read_input();
+  top_thread.join();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::string ip = "127.0.0.1";
+  int port = 1234;
+  signal_guard signals;
+  top = new zorva();
+  if (!parse_options(argc, argv, ip, port)) {
+    show_help();
+    return 0;
+  }
+  open_log_file();
+  if (manager.tui_mode) {
+    std::cerr << "zorva: the full screen is not in this version yet; use -b for reports or -t for "
+                 "reports cut to the terminal"
+              << std::endl;
+    return 1;
+  }
+  if (top->zorva_top_init(ip, port) < 0) {
+    std::cout << "zorva_top_init failed" << std::endl;
+    std::cerr << "zorva: the log says why (tag ZORVA; -l FILE writes it to FILE)" << std::endl;
+    return -1;
+  }
+  run_reports();
+  const auto shutdown = signals.begin_shutdown();
+  delete top;
+  top = nullptr;
+  return 0;
+}
