@@ -43,10 +43,15 @@ class client_comm {
   // and for 300 ms at most, and replays `held` first.
   int request(uint16_t command, uint16_t sub_command, const void* payload, size_t length);
 
+  // Closes the connection after an answer whose payload makes no sense; -EBADMSG. The caller holds
+  // `comm_lock`.
+  int reject_answer();
+
   // Notes that the server holds something for this client since the given command succeeded
   // (`hold`), or no longer does (`release`). The caller holds `comm_lock`.
   void hold(uint16_t command, uint16_t sub_command);
   void release(uint16_t command, uint16_t sub_command);
+  bool holds(uint16_t command, uint16_t sub_command) const;
 
   std::string ip_addr;
   int port;

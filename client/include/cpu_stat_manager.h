@@ -2,6 +2,7 @@
 #ifndef CPU_STAT_MANAGER_H
 #define CPU_STAT_MANAGER_H
 
+#include <atomic>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -39,6 +40,8 @@ class cpu_stat_manager : public ns_req_template::request_handler {
   // Ends this client's process monitoring on the server: the next get_process_all starts afresh.
   int cpu_mon_exit();
 
+  // The last enable_perf_mon() was answered -EBUSY: the next disable_perf_mon() takes the counters.
+  std::atomic<bool> perf_refused{false};
   int cpus_num = 0;  // CPUs in the last answer of get_cpu_usage
 };
 

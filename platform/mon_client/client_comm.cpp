@@ -185,11 +185,14 @@ int client_comm::reconnect() {
   if (ret < 0) {
     return ret;
   }
-  for (const held_command& command : held) {
-    // A status of the server's (another client has the counters, say) shows with the next query.
-    exchange(command.command, command.sub_command, nullptr, 0, deadline_ms);
+  const std::vector<held_command> to_restore = held;
+  for (const held_command& command : to_restore) {
+    const int status = exchange(command.command, command.sub_command, nullptr, 0, deadline_ms);
     if (fd < 0) {
-      return -ECONNRESET;
+      return status;
+    }
+    if (status == -EBUSY) {
+      release(command.command, command.sub_command);  // it is another client's now
     }
   }
   return 0;
@@ -197,13 +200,19 @@ int client_comm::reconnect() {
 
 int client_comm::request(uint16_t command, uint16_t sub_command, const void* payload,
                          size_t length) {
+  const int64_t deadline_ms = now_ms() + timeout;
   if (fd < 0) {
     const int ret = reconnect();
     if (ret < 0) {
       return ret;
     }
   }
-  return exchange(command, sub_command, payload, length, now_ms() + timeout);
+  return exchange(command, sub_command, payload, length, deadline_ms);
+}
+
+int client_comm::reject_answer() {
+  disconnect();
+  return -EBADMSG;
 }
 
 // The answer's status, or a negative errno after which the connection is closed.
@@ -250,6 +259,12 @@ int client_comm::receive_answer(const mon_protocol::message_header& asked,
     return ret;
   }
   return mon_protocol::crc_matches(answer, recv_buf.data()) ? 0 : -EBADMSG;
+}
+
+bool client_comm::holds(uint16_t command, uint16_t sub_command) const {
+  return std::any_of(held.begin(), held.end(), [&](const held_command& one) {
+    return one.command == command && one.sub_command == sub_command;
+  });
 }
 
 void client_comm::hold(uint16_t command, uint16_t sub_command) {

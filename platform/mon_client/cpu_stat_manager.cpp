@@ -60,7 +60,7 @@ int cpu_stat_manager::get_process_all(int mode, std::ostream* os) {
                          int total = 0;
                          std::vector<pid_msg> list;
                          if (!decode_process_list(comm.recv_buf, total, list)) {
-                           return -EBADMSG;
+                           return comm.reject_answer();
                          }
                          *os << texts::processes(list, total, sort_key, threads);
                          return 0;
@@ -68,21 +68,33 @@ int cpu_stat_manager::get_process_all(int mode, std::ostream* os) {
 }
 
 int cpu_stat_manager::enable_perf_mon() {
-  return requests::order_and_hold(*this, mon_protocol::cpu_enable_perf);
+  const int ret = requests::order_and_hold(*this, mon_protocol::cpu_enable_perf);
+  perf_refused = ret == -EBUSY;
+  return ret;
 }
 
+// Not sent when this client neither has the counters nor was just refused them: after a
+// reconnection the server would take it for the second, and take them from the client that has them
+// now.
 int cpu_stat_manager::disable_perf_mon() {
-  requests::forget(*this, mon_protocol::cpu_enable_perf);
-  return requests::order(*this, mon_protocol::cpu_disable_perf);
+  const bool take_over = perf_refused.exchange(false);
+  return requests::with_connection(*this, [&](client_comm& comm) {
+    if (!take_over && !comm.holds(mon_protocol::cmd_cpu, mon_protocol::cpu_enable_perf)) {
+      return 0;
+    }
+    return requests::order_release(comm, mon_protocol::cmd_cpu, mon_protocol::cpu_disable_perf,
+                                   mon_protocol::cpu_enable_perf);
+  });
 }
 
 int cpu_stat_manager::get_perf_data(std::ostream* os) {
-  const int ret =
-      requests::query_one<perf_sample>(*this, mon_protocol::cpu_perf_data, texts::counters, os);
-  if (ret == -EBUSY) {
-    requests::forget(*this, mon_protocol::cpu_enable_perf);
-  }
-  return ret;
+  return requests::with_connection(*this, [&](client_comm& comm) {
+    const int ret = comm.request(mon_protocol::cmd_cpu, mon_protocol::cpu_perf_data, nullptr, 0);
+    if (ret == -EBUSY) {
+      comm.release(mon_protocol::cmd_cpu, mon_protocol::cpu_enable_perf);
+    }
+    return ret < 0 ? ret : requests::append_one<perf_sample>(comm, texts::counters, os);
+  });
 }
 
 int cpu_stat_manager::cpu_mon_exit() {

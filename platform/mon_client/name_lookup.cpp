@@ -7,6 +7,7 @@
 #include <chrono>
 #include <future>
 #include <memory>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -47,7 +48,11 @@ std::string look_up(const std::string& host, int port, int timeout_ms,
   if (!result.why.empty()) {
     auto promised = std::make_shared<std::promise<lookup_result>>();
     auto answer = promised->get_future();
-    std::thread([promised, host, port] { promised->set_value(ask(host, port, 0)); }).detach();
+    try {
+      std::thread([promised, host, port] { promised->set_value(ask(host, port, 0)); }).detach();
+    } catch (const std::system_error& error) {
+      return std::string("the host name cannot be looked up: ") + error.what();
+    }
     if (answer.wait_for(std::chrono::milliseconds(timeout_ms)) != std::future_status::ready) {
       return "the host name could not be looked up in time";
     }

@@ -30,6 +30,8 @@ int net_stat_manager::get_bandwidth_stat(std::ostream* os) {
 }
 
 int net_stat_manager::exit_net_monitor() {
-  requests::forget(*this, mon_protocol::net_start);
-  return requests::order(*this, mon_protocol::net_exit);
+  return requests::with_connection(*this, [](client_comm& comm) {
+    return requests::order_release(comm, mon_protocol::cmd_net, mon_protocol::net_exit,
+                                   mon_protocol::net_start);
+  });
 }

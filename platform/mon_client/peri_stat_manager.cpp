@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr size_t most_zones = 256;
+constexpr size_t most_zones = 512;  // 256 zones and 256 cooling devices
 constexpr size_t most_heaps = 64;
 constexpr size_t most_parts = 16;
 constexpr size_t most_devices = 256;
@@ -35,7 +35,9 @@ int peri_stat_manager::get_all_thermal(std::ostream* os) {
 }
 
 int peri_stat_manager::get_meminfo(std::ostream* os) {
-  return requests::query_one<meminfo>(*this, mon_protocol::peri_meminfo, texts::memory, os);
+  return requests::ask(*this, mon_protocol::peri_meminfo, nullptr, 0, [&](client_comm& comm) {
+    return requests::append_one<meminfo>(comm, texts::memory, os);
+  });
 }
 
 int peri_stat_manager::get_ion_info(std::ostream* os) {

@@ -267,10 +267,10 @@ void handle_net(uint16_t sub_command, session_state& state, machine_figures& fig
                 const replier& reply) {
   switch (sub_command) {
     case mon_protocol::net_start: {
-      state.net_monitor = true;
       state.net_devices.reset();
       // The first sample, which the first answer's rates start from.
       const answer first = net_answer(state, figures);
+      state.net_monitor = first.status == 0;
       return reply(status_only(first.status));
     }
     case mon_protocol::net_bandwidth:
@@ -282,6 +282,13 @@ void handle_net(uint16_t sub_command, session_state& state, machine_figures& fig
     default:
       return reply(status_only(-ENOSYS));
   }
+}
+
+bool takes_payload(const message_header& request) {
+  return (request.command == mon_protocol::cmd_cpu &&
+          request.sub_command == mon_protocol::cpu_process_list) ||
+         (request.command == mon_protocol::cmd_peri &&
+          request.sub_command == mon_protocol::peri_partitions);
 }
 
 void handle_connection(uint16_t sub_command, session_state& state, machine_figures& figures,
@@ -305,6 +312,9 @@ machine_figures::machine_figures(asio::io_context& loop, const server_options& o
 
 void handle_request(const message_header& request, const std::vector<uint8_t>& payload,
                     session_state& state, machine_figures& figures, const replier& reply) {
+  if (!payload.empty() && !takes_payload(request)) {
+    return reply(status_only(-EINVAL));
+  }
   switch (request.command) {
     case mon_protocol::cmd_connection:
       return handle_connection(request.sub_command, state, figures, reply);

@@ -61,13 +61,15 @@ std::string server::listen() {
                    " can read this machine's figures: there is no password; an SSH tunnel to the "
                    "loopback address is the safe way in");
   }
-  server_log(log_priority::info, "listening on " + options.listen + " port " +
-                                     std::to_string(port()));
+  server_log(log_priority::info,
+             "listening on " + options.listen + " port " + std::to_string(port()));
   accept();
   return {};
 }
 
-uint16_t server::port() const { return acceptor.local_endpoint().port(); }
+uint16_t server::port() const {
+  return acceptor.local_endpoint().port();
+}
 
 void server::accept() {
   acceptor.async_accept([this](const asio::error_code& error, asio::ip::tcp::socket connection) {

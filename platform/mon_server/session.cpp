@@ -47,8 +47,8 @@ void session::start() {
 void session::read_first() {
   socket.async_read_some(asio::buffer(head),
                          [self = shared_from_this()](const asio::error_code& error, size_t length) {
-                           if (error) {
-                             return self->end("");
+                           if (self->over(error)) {
+                             return;
                            }
                            self->head_filled = length;
                            self->begin_deadline();
@@ -59,8 +59,8 @@ void session::read_first() {
 void session::read_rest() {
   asio::async_read(socket, asio::buffer(head.data() + head_filled, head.size() - head_filled),
                    [self = shared_from_this()](const asio::error_code& error, size_t) {
-                     if (error) {
-                       return self->end("");
+                     if (self->over(error)) {
+                       return;
                      }
                      self->take_header();
                    });
@@ -75,8 +75,8 @@ void session::take_header() {
   payload.resize(request.length);
   asio::async_read(socket, asio::buffer(payload),
                    [self = shared_from_this()](const asio::error_code& error, size_t) {
-                     if (error) {
-                       return self->end("");
+                     if (self->over(error)) {
+                       return;
                      }
                      self->take_message();
                    });
@@ -120,12 +120,21 @@ void session::send() {
   outgoing.swap(waiting);
   asio::async_write(socket, asio::buffer(outgoing),
                     [self = shared_from_this()](const asio::error_code& error, size_t) {
-                      if (error) {
-                        return self->end("");
+                      if (self->over(error)) {
+                        return;
                       }
                       self->outgoing.clear();
                       self->send();
                     });
+}
+
+// What had succeeded before the connection was closed is still delivered after it, and must not
+// make the session hold anything again.
+bool session::over(const asio::error_code& error) {
+  if (error) {
+    end("");
+  }
+  return ended;
 }
 
 void session::begin_deadline() {

@@ -38,6 +38,7 @@ class session : public std::enable_shared_from_this<session> {
   void answer_with(const answer& result);
   void send();
   void begin_deadline();
+  bool over(const asio::error_code& error);
 
   asio::ip::tcp::socket socket;
   asio::steady_timer deadline;  // of a message that has begun

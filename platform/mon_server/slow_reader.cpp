@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <deque>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -17,6 +18,8 @@ namespace {
 constexpr int64_t deadline_us = 1000000;
 // Drivers' locks are not taken more often than this, however many clients ask.
 constexpr int64_t young_us = 500000;
+// A result that came after the deadline answers the next question, if that comes in time.
+constexpr int64_t late_us = 10 * 1000000LL;
 // Keys come from clients (paths); more are not kept, nor read at a time.
 constexpr size_t most_entries = 64;
 
@@ -26,11 +29,14 @@ struct slow_reader::waiter {
   waiter(asio::io_context& loop, reply to_answer) : answer(std::move(to_answer)), timer(loop) {}
 
   // The first of result and deadline counts.
-  void settle(const std::shared_ptr<const bytes>& result) {
-    if (answer) {
-      timer.cancel();
-      std::exchange(answer, nullptr)(result);
+  // False when it was settled before.
+  bool settle(const std::shared_ptr<const bytes>& result) {
+    if (!answer) {
+      return false;
     }
+    timer.cancel();
+    std::exchange(answer, nullptr)(result);
+    return true;
   }
 
   reply answer;
@@ -41,17 +47,29 @@ struct slow_reader::waiter {
 struct slow_reader::thread_pool : std::enable_shared_from_this<thread_pool> {
   struct task {
     job read;
-    std::function<void(bytes)> hand_over;  // called with `lock` held, and not once stopped
+    std::function<void(const bytes&)> hand_over;  // called with `lock` held, and not once stopped
   };
 
-  void add(task new_task) {
+  // False when there is no thread for it and none can be had.
+  bool add(task new_task) {
     const std::lock_guard<std::mutex> guard(lock);
     tasks.push_back(std::move(new_task));
-    if (idle < tasks.size() && threads < most_threads) {
-      ++threads;
-      std::thread([self = shared_from_this()] { self->run(); }).detach();
+    if (idle < tasks.size() && threads < most_threads && !add_thread() && threads == 0) {
+      tasks.pop_back();
+      return false;
     }
     work.notify_one();
+    return true;
+  }
+
+  bool add_thread() {
+    try {
+      std::thread([self = shared_from_this()] { self->run(); }).detach();
+    } catch (const std::system_error&) {
+      return false;
+    }
+    ++threads;
+    return true;
   }
 
   void run() {
@@ -66,10 +84,10 @@ struct slow_reader::thread_pool : std::enable_shared_from_this<thread_pool> {
       const task next = std::move(tasks.front());
       tasks.pop_front();
       guard.unlock();
-      bytes result = next.read();
+      const bytes result = next.read();
       guard.lock();
       if (!stopped) {
-        next.hand_over(std::move(result));
+        next.hand_over(result);
       }
     }
   }
@@ -103,7 +121,8 @@ void slow_reader::ask(const std::string& key, const job& read, const reply& answ
   forget_old();
   entry& slot = entries[key];
   const int64_t now_us = samplers::monotonic_us();
-  if (slot.result && now_us - slot.ended_us < young_us) {
+  if (slot.result && (slot.not_seen || now_us - slot.ended_us < young_us)) {
+    slot.not_seen = false;
     answer(slot.result);
     return;
   }
@@ -116,17 +135,35 @@ void slow_reader::ask(const std::string& key, const job& read, const reply& answ
 }
 
 bool slow_reader::start(const std::string& key, entry& slot, const job& read) {
-  if (entries.size() > most_entries) {
+  const auto hand_over = [this, key](const bytes& result) {
+    asio::post(loop, [this, key, result] { ended(key, result); });
+  };
+  slot.started_us = samplers::monotonic_us();
+  slot.under_way = make_room(key) && pool->add({read, hand_over});
+  const bool started = slot.under_way;
+  if (!started) {
     entries.erase(key);
+  }
+  return started;
+}
+
+// Forgets the oldest result when there are too many entries beside the one of `key`. False when all
+// of them are being read.
+bool slow_reader::make_room(const std::string& key) {
+  if (entries.size() <= most_entries) {
+    return true;
+  }
+  auto oldest = entries.end();
+  for (auto one = entries.begin(); one != entries.end(); ++one) {
+    const bool removable = !one->second.under_way && one->first != key;
+    if (removable && (oldest == entries.end() || one->second.ended_us < oldest->second.ended_us)) {
+      oldest = one;
+    }
+  }
+  if (oldest == entries.end()) {
     return false;
   }
-  slot.under_way = true;
-  slot.started_us = samplers::monotonic_us();
-  pool->add({read, [this, key](bytes result) {
-               asio::post(loop, [this, key, result = std::move(result)]() mutable {
-                 ended(key, std::move(result));
-               });
-             }});
+  entries.erase(oldest);
   return true;
 }
 
@@ -148,15 +185,18 @@ void slow_reader::ended(const std::string& key, bytes result) {
   slot.result = std::make_shared<const bytes>(std::move(result));
   const auto waiters = std::exchange(slot.waiters, {});
   const auto kept = slot.result;
+  bool seen = false;
   for (const auto& waiting : waiters) {
-    waiting->settle(kept);
+    seen = waiting->settle(kept) || seen;
   }
+  entries[key].not_seen = !seen;
 }
 
 void slow_reader::forget_old() {
   const int64_t now_us = samplers::monotonic_us();
   for (auto one = entries.begin(); one != entries.end();) {
-    const bool old = !one->second.under_way && now_us - one->second.ended_us >= young_us;
+    const int64_t kept_us = one->second.not_seen ? late_us : young_us;
+    const bool old = !one->second.under_way && now_us - one->second.ended_us >= kept_us;
     one = old ? entries.erase(one) : std::next(one);
   }
 }

@@ -37,12 +37,14 @@ class slow_reader {
     int64_t ended_us = 0;
     int64_t started_us = 0;  // of the read under way
     bool under_way = false;
+    bool not_seen = false;  // the result came too late for whoever asked
     std::vector<std::shared_ptr<waiter>> waiters;
   };
   struct thread_pool;
 
   bool start(const std::string& key, entry& slot, const job& read);
   void wait_for(entry& slot, const reply& answer);
+  bool make_room(const std::string& key);
   void ended(const std::string& key, bytes result);
   void forget_old();
 
