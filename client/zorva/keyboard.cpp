@@ -10,6 +10,7 @@
 #include "zorva/monitor.h"
 #include "zorva/perf_switch.h"
 #include "zorva/settings.h"
+#include "zorva/terminal_modes.h"
 
 namespace {
 
@@ -63,17 +64,31 @@ void act_on(int input) {
   }
 }
 
-// Reads a byte, or EOF. Another program on the same terminal may have made it non-blocking: then
-// there is no input yet, which is not the end of it.
+// Waits for a byte and returns it, or EOF. While another job has the terminal, nothing is read,
+// which would stop this process; when it comes back (fg), the shell has set its own modes again. A
+// read that a signal has cut short (curses handles SIGWINCH), or that found nothing because another
+// program made the terminal non-blocking, is not the end of the input.
 int read_byte() {
-  while (true) {
+  constexpr int look_ms = 1000;
+  while (!manager.to_exit) {
+    if (!terminal_is_ours()) {
+      usleep(look_ms * 1000);
+      continue;
+    }
+    set_key_mode();
+    pollfd waiting{STDIN_FILENO, POLLIN, 0};
+    if (poll(&waiting, 1, look_ms) <= 0) {
+      continue;
+    }
     const int input = getc(stdin);
-    if (input != EOF || !ferror(stdin) || errno != EAGAIN) {
+    if (input != EOF || !ferror(stdin) || (errno != EAGAIN && errno != EINTR)) {
       return input;
     }
     clearerr(stdin);
-    pollfd waiting{STDIN_FILENO, POLLIN, 0};
-    poll(&waiting, 1, -1);
+  }
+  // A signal is ending the program; the terminal is no longer this loop's.
+  while (true) {
+    pause();
   }
 }
 
@@ -87,9 +102,8 @@ bool input_closed() {
 void zorva_manage::read_input() {
   termios old_tio{};
   tcgetattr(STDIN_FILENO, &old_tio);
-  termios new_tio = old_tio;
-  new_tio.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
-  tcsetattr(STDIN_FILENO, TCSANOW, &new_tio);
+  // Bytes must not wait in a buffer that poll(2) does not know of.
+  setvbuf(stdin, nullptr, _IONBF, 0);
 
   while (true) {
     if (input_closed()) {

@@ -9,6 +9,8 @@
 #include "zorva/report.h"
 #include "zorva/settings.h"
 #include "zorva/signals.h"
+#include "zorva/standard_streams.h"
+#include "zorva/tui.h"
 
 #ifdef ZORVA_OWN_LOG
 #include "log_file.h"
@@ -44,6 +46,7 @@ void run_reports() {
 int main(int argc, char** argv) {
   std::string ip = "127.0.0.1";
   int port = 1234;
+  fill_standard_streams();
   signal_guard signals;
   top = new zorva();
   if (!parse_options(argc, argv, ip, port)) {
@@ -51,19 +54,17 @@ int main(int argc, char** argv) {
     return 0;
   }
   open_log_file();
-  if (manager.tui_mode) {
-    std::cerr << "zorva: the full screen is not in this version yet; use -b for reports or -t for "
-                 "reports cut to the terminal"
-              << std::endl;
-    return 1;
-  }
   if (top->zorva_top_init(ip, port) < 0) {
     std::cout << "zorva_top_init failed" << std::endl;
     std::cerr << "zorva: the log says why (tag ZORVA; -l FILE writes it to FILE)" << std::endl;
     return -1;
   }
-  run_reports();
-  const auto shutdown = signals.begin_shutdown();
+  if (manager.tui_mode) {
+    run_tui(signals);
+  } else {
+    run_reports();
+  }
+  const auto shutdown = signals.hold_off();
   delete top;
   top = nullptr;
   return 0;

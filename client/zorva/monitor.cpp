@@ -60,7 +60,7 @@ int zorva::zorva_top_init(std::string ip, int port) {
 int zorva::connect_clients(const std::string& ip, int port) {
   try {
     cpu = std::make_shared<cpu_stat_manager>(ip, port);
-    clean_up_clients.cpu = cpu.get();
+    clean_up_objects.cpu = cpu.get();
     peri = std::make_shared<peri_stat_manager>(ip, port);
     bpu = std::make_shared<bpu_ratio_manager>(ip, port);
     vio = std::make_shared<vio_info_manager>(ip, port);
@@ -73,7 +73,7 @@ int zorva::connect_clients(const std::string& ip, int port) {
 int zorva::start_network(const std::string& ip, int port) {
   try {
     net = std::make_shared<net_stat_manager>(ip, port);
-    clean_up_clients.net = net.get();
+    clean_up_objects.net = net.get();
   } catch (const char* message) {
     return constructor_failed(message);
   }

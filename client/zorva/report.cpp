@@ -2,19 +2,16 @@
 
 #include <sys/time.h>
 
-#include <algorithm>
-#include <cstdint>
-#include <ctime>
 #include <iostream>
-#include <limits>
 #include <mutex>
 #include <sstream>
 #include <string>
 
-#include "common_func.h"
-#include "zorva/log.h"
+#include "zorva/cycle.h"
 #include "zorva/monitor.h"
+#include "zorva/query.h"
 #include "zorva/settings.h"
+#include "zorva/time_stamp.h"
 
 namespace {
 
@@ -38,44 +35,30 @@ class output_capture {
   std::streambuf* coutBuffer;
 };
 
-// The microseconds are a plain number: 5000 of them read ".5000".
-void write_time_line(const timeval& time) {
-  tm local{};
-  localtime_r(&time.tv_sec, &local);
-  char timestamp[64];
-  strftime(timestamp, sizeof timestamp, "\nTime: %Y-%m-%d %H:%M:%S.", &local);
-  std::cout << timestamp << time.tv_usec << '\n';
-}
-
-void log_failure(const char* query, int ret) {
-  if (ret < 0) {
-    LOG_E("%s failed:%d\n", query, ret);
-  }
-}
-
 void write_sections(zorva& monitor) {
   std::ostream* os = &std::cout;
+  query_round query;
   std::cout << dashes;
-  log_failure("get_all_thermal", monitor.peri->get_all_thermal(os));
+  query("get_all_thermal", [&] { return monitor.peri->get_all_thermal(os); });
   std::cout << spaced_dashes;
-  log_failure("get_meminfo", monitor.peri->get_meminfo(os));
-  log_failure("get_ion_info", monitor.peri->get_ion_info(os));
+  query("get_meminfo", [&] { return monitor.peri->get_meminfo(os); });
+  query("get_ion_info", [&] { return monitor.peri->get_ion_info(os); });
   std::cout << spaced_dashes;
-  log_failure("get_partition_info", monitor.peri->get_partition_info(parts, os));
+  query("get_partition_info", [&] { return monitor.peri->get_partition_info(parts, os); });
   std::cout << spaced_dashes;
-  log_failure("get_cpu_usage", monitor.cpu->get_cpu_usage(os));
+  query("get_cpu_usage", [&] { return monitor.cpu->get_cpu_usage(os); });
   std::cout << dashes;
-  log_failure("get_bpu_ratio_all", monitor.bpu->get_bpu_ratio_all(os));
+  query("get_bpu_ratio_all", [&] { return monitor.bpu->get_bpu_ratio_all(os); });
   std::cout << dashes;
   if (monitor.net) {
-    log_failure("get_bandwidth_stat", monitor.net->get_bandwidth_stat(os));
+    query("get_bandwidth_stat", [&] { return monitor.net->get_bandwidth_stat(os); });
   }
   std::cout << dashes;
-  log_failure("get_block_usage", monitor.peri->get_block_usage(os));
+  query("get_block_usage", [&] { return monitor.peri->get_block_usage(os); });
   std::cout << spaced_dashes;
-  log_failure("sort_all_vio_fps", monitor.vio->sort_all_vio_fps(os));
+  query("sort_all_vio_fps", [&] { return monitor.vio->sort_all_vio_fps(os); });
   std::cout << dashes;
-  log_failure("get_process_all", monitor.cpu->get_process_all(process_list_mode(), os));
+  query("get_process_all", [&] { return monitor.cpu->get_process_all(process_list_mode(), os); });
 }
 
 // Writes as many lines as fill a terminal of `rows` rows. The last of a report that is cut keeps
@@ -92,15 +75,6 @@ void write_cut_to(std::stringstream& report, int rows) {
     std::cout << std::endl;
     ++num;
   }
-}
-
-// Milliseconds left of the cycle that began at `time1`; negative when its work took longer. A clock
-// that was set forward by months looks like a long cycle, and must not overflow into a long wait.
-int rest_of_cycle(timeval& time1, timeval& time2) {
-  constexpr uint64_t longest = std::numeric_limits<int>::max();
-  const auto loss_time = static_cast<int>(std::min(time_diff(time1, time2), longest));
-  const int64_t rest = int64_t{manager.cycle_ms} - loss_time;
-  return static_cast<int>(std::max<int64_t>(rest, -1));
 }
 
 }  // namespace
@@ -121,7 +95,8 @@ void zorva_thread(zorva* zorva) {
       if (manager.to_exit) {
         return;
       }
-      write_time_line(time1);
+      write_time_stamp(std::cout, "\nTime: %Y-%m-%d %H:%M:%S.", time1);
+      std::cout << '\n';
       write_sections(*zorva);
     }
     // The first report has nothing to take rates from.
@@ -134,7 +109,7 @@ void zorva_thread(zorva* zorva) {
     }
     timeval time2{};
     gettimeofday(&time2, nullptr);
-    if (zorva_manage::handle_input(rest_of_cycle(time1, time2)) != 0) {
+    if (zorva_manage::handle_input(rest_of_cycle(manager.cycle_ms, time1, time2)) != 0) {
       return;
     }
     first_loop = false;

@@ -15,9 +15,12 @@
 #include "cpu_stat_manager.h"
 #include "net_stat_manager.h"
 #include "zorva/log.h"
+#include "zorva/screen_exit.h"
 #include "zorva/settings.h"
+#include "zorva/terminal_modes.h"
+#include "zorva/window_manager.h"
 
-clean_up_targets clean_up_clients;
+clean_up_targets clean_up_objects;
 
 namespace {
 
@@ -40,20 +43,25 @@ std::atomic<int> dying_signal{0};
 // Held while the clean-up, or the main thread's own shutdown, uses the client objects.
 std::mutex shutdown_lock;
 
+// For the case that curses cannot be asked any more: the terminal's modes before curses, and what
+// ends the full screen. Written before the clean-up has a window manager.
+termios found_tio{};
+char leave_screen[128];
+size_t leave_screen_size = 0;
+
 // The functions from here to signalHandler call nothing that signal-safety(7) does not list.
 
-void restore_terminal_modes() {
-  const pid_t foreground = tcgetpgrp(STDIN_FILENO);
-  if (foreground >= 0 && foreground != getpgrp()) {
-    return;  // the terminal is another job's now; touching it would stop this process
+// What a hanging clean-up has left undone, as far as it can be done without curses.
+void restore_terminal_at_last() {
+  if (clean_up_objects.winds.load() != nullptr && terminal_is_ours()) {
+    pollfd screen{STDOUT_FILENO, POLLOUT, 0};
+    if (poll(&screen, 1, 0) == 1 && (screen.revents & POLLOUT) != 0) {
+      [[maybe_unused]] const ssize_t written =
+          write(STDOUT_FILENO, leave_screen, leave_screen_size);
+    }
+    tcsetattr(STDIN_FILENO, TCSANOW, &found_tio);
   }
-  termios old_tio{};
-  if (tcgetattr(STDIN_FILENO, &old_tio) != 0) {
-    return;
-  }
-  termios new_tio = old_tio;
-  new_tio.c_lflag |= ICANON | ECHO;
-  tcsetattr(STDIN_FILENO, TCSANOW, &new_tio);
+  set_line_mode();
 }
 
 [[noreturn]] void die_by(int signo) {
@@ -92,7 +100,7 @@ bool is_own_fault(int signo, const siginfo_t& info) {
     }
   }
   if (!clean_up_done) {
-    restore_terminal_modes();
+    restore_terminal_at_last();
   }
   die_by(signo);
 }
@@ -113,7 +121,7 @@ void signalHandler(int signo, siginfo_t* info, void* /*p*/) {
 }
 
 void end_at_limit(int /*signo*/) {
-  restore_terminal_modes();
+  restore_terminal_at_last();
   die_by(dying_signal);
 }
 
@@ -131,9 +139,12 @@ void signal_init() {
   }
 }
 
-// From now on the process ends by `signo` after the limit, whatever hangs.
+// From now on the process ends by `signo` after the limit, whatever hangs. The first signal counts.
 void start_watchdog(int signo) {
-  dying_signal = signo;
+  int none = 0;
+  if (!dying_signal.compare_exchange_strong(none, signo)) {
+    return;
+  }
   struct sigaction act {};
   act.sa_handler = end_at_limit;
   sigemptyset(&act.sa_mask);
@@ -150,8 +161,8 @@ void log_signal(int signo) {
 }
 
 void release_monitors() {
-  cpu_stat_manager* const cpu = clean_up_clients.cpu;
-  net_stat_manager* const net = clean_up_clients.net;
+  cpu_stat_manager* const cpu = clean_up_objects.cpu;
+  net_stat_manager* const net = clean_up_objects.net;
   if (cpu != nullptr) {
     cpu->cpu_mon_exit();
   }
@@ -166,12 +177,27 @@ void release_monitors() {
   }
 }
 
+// Takes the screen from the refresher and keeps it: a paint after this would begin curses anew. A
+// thread that hangs or has faulted while it painted does not give it up, so that the wait is short.
+void end_curses() {
+  windows_manager* const winds = clean_up_objects.winds;
+  if (winds == nullptr) {
+    return;
+  }
+  constexpr int attempts = 50;
+  constexpr useconds_t attempt_us = 10000;
+  for (int i = 0; i < attempts && !winds->lock.try_lock(); ++i) {
+    usleep(attempt_us);
+  }
+  curs_set(1);
+  endwin();
+}
+
 void restore_terminal() {
   if (manager.tui_mode) {
-    curs_set(1);
-    endwin();
+    end_curses();
   }
-  restore_terminal_modes();
+  set_line_mode();
 }
 
 // Signals that came while the clean-up ran are logged and nothing else.
@@ -188,8 +214,7 @@ void end_by_signal(int signo, int pipe_end) {
   log_signal(signo);
   std::unique_lock<std::mutex> shutdown(shutdown_lock);
   if (manager.to_exit.exchange(true)) {
-    alarm(0);  // the program ends by itself
-    return;
+    return;  // the program ends by itself, or of this signal if that hangs
   }
   release_monitors();
   restore_terminal();
@@ -211,6 +236,7 @@ void clean_up_after_fault(int signo) {
 }  // namespace
 
 signal_guard::signal_guard() {
+  tcgetattr(STDIN_FILENO, &found_tio);
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) {
     throw std::system_error(errno, std::generic_category(), "pipe for signals");
@@ -230,8 +256,12 @@ signal_guard::~signal_guard() {
   watcher.join();
 }
 
-std::unique_lock<std::mutex> signal_guard::begin_shutdown() {
+std::unique_lock<std::mutex> signal_guard::hold_off() {
   return std::unique_lock<std::mutex>(shutdown_lock);
+}
+
+void signal_guard::screen_begins() {
+  leave_screen_size = screen_exit_sequence().copy(leave_screen, sizeof leave_screen);
 }
 
 void signal_guard::watch(int pipe_end) {

@@ -1,7 +1,6 @@
-// The members that the client library's headers declare.
+// The members that the program uses of those which the client library's headers declare.
 #include "bpu_ratio_manager.h"
 #include "client_comm.h"
-#include "common_func.h"
 #include "cpu_stat_manager.h"
 #include "fake_mon_client.h"
 #include "net_stat_manager.h"
@@ -13,23 +12,8 @@ using fake_mon_client::perform;
 // Only a client object's constructor is recorded, not that of the connection which it makes.
 client_comm::client_comm(const std::string& ip, int to_port) : ip_addr(ip), port(to_port) {}
 client_comm::~client_comm() = default;
-int client_comm::back_client_id() {
-  return perform("back_client_id");
-}
-int client_comm::request(uint16_t, uint16_t, const void*, size_t) {
-  return perform("request");
-}
-void client_comm::hold(uint16_t, uint16_t) {
-  perform("hold");
-}
-void client_comm::release(uint16_t, uint16_t) {
-  perform("release");
-}
 
-#define DEFINE_CONSTRUCTION(class_name)                             \
-  class_name::class_name() = default;                               \
-  class_name::class_name(std::shared_ptr<client_comm> connection)   \
-      : request_handler(std::move(connection)) {}                   \
+#define DEFINE_CLASS(class_name)                                    \
   class_name::class_name(const std::string& ip, int port)           \
       : request_handler(std::make_shared<client_comm>(ip, port)) {  \
     perform(#class_name, nullptr, ip + ' ' + std::to_string(port)); \
@@ -37,13 +21,6 @@ void client_comm::release(uint16_t, uint16_t) {
   class_name::~class_name() {                                       \
     perform("~" #class_name);                                       \
   }
-
-DEFINE_CONSTRUCTION(cpu_stat_manager)
-DEFINE_CONSTRUCTION(peri_stat_manager)
-DEFINE_CONSTRUCTION(bpu_ratio_manager)
-DEFINE_CONSTRUCTION(vio_info_manager)
-DEFINE_CONSTRUCTION(net_stat_manager)
-
 #define DEFINE_QUERY(class_name, operation)     \
   int class_name::operation(std::ostream* os) { \
     return perform(#operation, os);             \
@@ -53,17 +30,23 @@ DEFINE_CONSTRUCTION(net_stat_manager)
     return perform(#operation);               \
   }
 
+DEFINE_CONTROL(client_comm, back_client_id)
+DEFINE_CLASS(cpu_stat_manager)
 DEFINE_QUERY(cpu_stat_manager, get_cpu_usage)
 DEFINE_QUERY(cpu_stat_manager, get_perf_data)
 DEFINE_CONTROL(cpu_stat_manager, enable_perf_mon)
 DEFINE_CONTROL(cpu_stat_manager, disable_perf_mon)
 DEFINE_CONTROL(cpu_stat_manager, cpu_mon_exit)
+DEFINE_CLASS(peri_stat_manager)
 DEFINE_QUERY(peri_stat_manager, get_all_thermal)
 DEFINE_QUERY(peri_stat_manager, get_meminfo)
 DEFINE_QUERY(peri_stat_manager, get_ion_info)
 DEFINE_QUERY(peri_stat_manager, get_block_usage)
+DEFINE_CLASS(bpu_ratio_manager)
 DEFINE_QUERY(bpu_ratio_manager, get_bpu_ratio_all)
+DEFINE_CLASS(vio_info_manager)
 DEFINE_QUERY(vio_info_manager, sort_all_vio_fps)
+DEFINE_CLASS(net_stat_manager)
 DEFINE_QUERY(net_stat_manager, get_bandwidth_stat)
 DEFINE_CONTROL(net_stat_manager, start_net_monitor)
 DEFINE_CONTROL(net_stat_manager, exit_net_monitor)
@@ -78,9 +61,4 @@ int peri_stat_manager::get_partition_info(std::vector<const char*>& parts, std::
     paths += (paths.empty() ? "" : ",") + std::string(path);
   }
   return perform("get_partition_info", os, paths);
-}
-
-uint64_t time_diff(timeval& t1, timeval& t2) {
-  const int64_t us = (int64_t{t2.tv_sec} - t1.tv_sec) * 1000000 + (t2.tv_usec - t1.tv_usec);
-  return us > 0 ? static_cast<uint64_t>(us) / 1000 : 0;
 }

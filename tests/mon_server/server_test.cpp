@@ -3,44 +3,38 @@
 #include <gmock/gmock.h>
 
 #include <cerrno>
-#include <filesystem>
-#include <fstream>
 #include <sstream>
 
 #include "bpu_ratio_manager.h"
 #include "cpu_stat_manager.h"
-#include "mon_protocol.h"
 #include "net_stat_manager.h"
 #include "peri_stat_manager.h"
 #include "running_server.h"
+#include "scripted_server.h"
+#include "test_tools.h"
 #include "vio_info_manager.h"
 
 namespace {
 
-using bytes = std::vector<uint8_t>;
 using testing::HasSubstr;
 using testing::StartsWith;
 
 constexpr char loopback[] = "127.0.0.1";
 
 bytes request(uint16_t command, uint16_t sub_command, const bytes& payload = {}) {
-  mon_protocol::message_header header{};
+  message_header header{};
   header.type = mon_protocol::type_request;
   header.command = command;
   header.sub_command = sub_command;
-  bytes message;
-  mon_protocol::encode(header, payload.data(), payload.size(), message);
-  return message;
+  return message_of(header, payload);
 }
 
 // The status of the answer, INT32_MAX when there is none.
-int32_t status_of(const raw_connection& connection, const bytes& message) {
-  mon_protocol::message_header answer{};
-  if (!connection.write(message) || !connection.read(&answer, sizeof answer)) {
-    return INT32_MAX;
-  }
-  bytes payload(answer.length);
-  return connection.read(payload.data(), payload.size()) ? answer.status : INT32_MAX;
+int32_t status_of(raw_connection& connection, const bytes& message) {
+  message_header answer{};
+  const bool answered =
+      send_bytes(connection.socket, message) && read_message(connection.socket, answer);
+  return answered ? answer.status : INT32_MAX;
 }
 
 template <class client, class query>
@@ -50,31 +44,21 @@ std::string text_of(client& object, query ask) {
   return text.str();
 }
 
-// A tree of /proc whose files the test changes while the server runs.
-class changing_proc {
- public:
-  changing_proc() : root(testing::TempDir() + "zorva-proc-" + std::to_string(getpid())) {
-    std::filesystem::create_directories(root + "/proc/net");
-    options.sysroot = root;
-  }
-  ~changing_proc() { std::filesystem::remove_all(root); }
-  void write(const std::string& file, const std::string& text) const {
-    std::ofstream(root + "/proc/" + file + ".new") << text;
-    std::filesystem::rename(root + "/proc/" + file + ".new", root + "/proc/" + file);
-  }
-  void eth0_received(uint64_t total) const {
-    write("net/dev",
-          "Inter-|   Receive                            |  Transmit\n"
-          " face |bytes packets errs drop fifo frame compressed multicast|bytes packets errs drop "
-          "fifo colls carrier compressed\n"
-          "  eth0:" +
-              std::to_string(total) + " 1 0 0 0 0 0 0 0 0 0 0 0 0 0 0\n");
-  }
+void check_answers(peri_stat_manager& client) {
+  EXPECT_THAT(text_of(client, &peri_stat_manager::get_meminfo), StartsWith("[Mem total "));
+}
 
-  server_options options;
-
- private:
-  const std::string root;
+// A tree of /proc with one network device.
+struct network_tree : temporary_folder {
+  network_tree() { received(0); }
+  void received(uint64_t total) const {
+    write("proc/net/dev", "eth0: " + std::to_string(total) + " 1 0 0 0 0 0 0 0 0 0 0 0 0 0 0\n");
+  }
+  server_options options() const {
+    server_options given;
+    given.sysroot = path;
+    return given;
+  }
 };
 
 TEST(server, answers_every_family_from_a_tree_of_files) {
@@ -92,7 +76,7 @@ TEST(server, answers_every_family_from_a_tree_of_files) {
   EXPECT_EQ(cpu.get_process_all(0xff01, &list), 0);
   EXPECT_THAT(list.str(), HasSubstr("THREADS"));
   EXPECT_THAT(text_of(peri, &peri_stat_manager::get_all_thermal), StartsWith("Thermal  "));
-  EXPECT_THAT(text_of(peri, &peri_stat_manager::get_meminfo), StartsWith("[Mem total "));
+  check_answers(peri);
   EXPECT_THAT(text_of(peri, &peri_stat_manager::get_ion_info), StartsWith("[ION "));
   EXPECT_THAT(text_of(peri, &peri_stat_manager::get_block_usage), StartsWith("Block KB/s  "));
   EXPECT_THAT(text_of(bpu, &bpu_ratio_manager::get_bpu_ratio_all), HasSubstr("bpu10 "));
@@ -106,19 +90,21 @@ TEST(server, answers_every_family_from_a_tree_of_files) {
 
 TEST(server, requests_without_sense_are_refused_and_the_connection_lives) {
   const running_server server;
-  const raw_connection connection(server.port);
-  EXPECT_EQ(status_of(connection, request(99, 1)), -ENOSYS);
-  for (const uint16_t command : {1, 2, 3, 4, 5, 6}) {
+  raw_connection connection(server.port);
+  for (const uint16_t command : {1, 2, 3, 4, 5, 6, 99}) {
     EXPECT_EQ(status_of(connection, request(command, 99)), -ENOSYS);
   }
-  EXPECT_EQ(status_of(connection, request(2, mon_protocol::cpu_process_list)), -EINVAL);
-  EXPECT_EQ(status_of(connection, request(2, mon_protocol::cpu_perf_data)), -EINVAL);
-  EXPECT_EQ(status_of(connection, request(3, mon_protocol::peri_partitions, bytes(33))), -EINVAL);
-  EXPECT_EQ(status_of(connection, request(3, mon_protocol::peri_partitions, bytes(32, 'x'))),
-            -EINVAL);
-  EXPECT_EQ(status_of(connection, request(3, mon_protocol::peri_partitions, bytes(32 * 17))),
-            -EINVAL);
-  EXPECT_EQ(status_of(connection, request(6, mon_protocol::net_bandwidth)), -EINVAL);
+  const bytes senseless[] = {
+      request(2, mon_protocol::cpu_process_list),
+      request(2, mon_protocol::cpu_perf_data),
+      request(3, mon_protocol::peri_partitions, bytes(33)),
+      request(3, mon_protocol::peri_partitions, bytes(32, 'x')),
+      request(3, mon_protocol::peri_partitions, bytes(32 * 17)),
+      request(6, mon_protocol::net_bandwidth),
+  };
+  for (const bytes& message : senseless) {
+    EXPECT_EQ(status_of(connection, message), -EINVAL) << testing::PrintToString(message);
+  }
   EXPECT_EQ(status_of(connection, request(1, mon_protocol::connection_hello)), 0);
 }
 
@@ -133,39 +119,31 @@ TEST(server, bad_messages_close_their_connection_only) {
   huge[13] = 0x20;  // 8192 bytes of payload
   const std::string http = "GET / HTTP/1.1\r\nHost: localhost\r\nUser-Agent: a browser\r\n\r\n";
   for (const bytes& bad : {wrong_crc, huge, bytes(http.begin(), http.end()), bytes(40, 0)}) {
-    const raw_connection connection(server.port);
-    EXPECT_TRUE(connection.write(bad));
-    EXPECT_TRUE(connection.closed_by_server());
-    EXPECT_THAT(text_of(bystander, &peri_stat_manager::get_meminfo), StartsWith("[Mem total "));
+    raw_connection connection(server.port);
+    EXPECT_TRUE(send_bytes(connection.socket, bad));
+    read_to_end(connection.socket);
+    check_answers(bystander);
   }
   // A client that leaves in the middle of a message.
-  for (size_t length = 1; length < hello.size(); ++length) {
-    const raw_connection connection(server.port);
-    EXPECT_TRUE(connection.write(bytes(hello.begin(), hello.begin() + static_cast<long>(length))));
+  for (long length = 1; length < 36; ++length) {
+    raw_connection connection(server.port);
+    EXPECT_TRUE(send_bytes(connection.socket, {hello.begin(), hello.end() - length}));
   }
-  EXPECT_THAT(text_of(bystander, &peri_stat_manager::get_meminfo), StartsWith("[Mem total "));
+  check_answers(bystander);
 }
 
 TEST(server, limits_close_slow_writers_and_those_who_do_not_read) {
   const running_server server;
   peri_stat_manager bystander(loopback, server.port);
-  const raw_connection slow_writer(server.port);
-  EXPECT_TRUE(slow_writer.write({0xf5}));
-
-  const raw_connection never_reads(server.port);
-  const int small = 4096;
-  setsockopt(never_reads.fd, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
-  const bytes list = request(2, mon_protocol::cpu_process_list, {1, 0, 0, 0});
-  const timeval patience{20, 0};
-  setsockopt(never_reads.fd, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
-  // Some kilobytes an answer: a million requests are far beyond what may wait.
-  bool open = true;
-  for (int i = 0; open && i < 1000000; ++i) {
-    open = never_reads.write(list);
+  raw_connection slow_writer(server.port);
+  EXPECT_TRUE(send_bytes(slow_writer.socket, {0xf5}));
+  raw_connection never_reads(server.port);
+  never_reads.socket.set_option(tcp::socket::receive_buffer_size(4096));
+  // Some kilobytes an answer: endless requests are far beyond what may wait.
+  while (send_bytes(never_reads.socket, request(2, mon_protocol::cpu_process_list, {1, 0, 0, 0}))) {
   }
-  EXPECT_FALSE(open);
-  EXPECT_THAT(text_of(bystander, &peri_stat_manager::get_meminfo), StartsWith("[Mem total "));
-  EXPECT_TRUE(slow_writer.closed_by_server());
+  check_answers(bystander);
+  read_to_end(slow_writer.socket);
 }
 
 TEST(server, takes_64_connections_and_then_more_when_one_goes) {
@@ -176,17 +154,14 @@ TEST(server, takes_64_connections_and_then_more_when_one_goes) {
     all.push_back(std::make_unique<raw_connection>(server.port));
     ASSERT_EQ(status_of(*all.back(), hello), 0);
   }
-  const raw_connection one_more(server.port);
-  EXPECT_TRUE(one_more.closed_by_server());
+  raw_connection one_more(server.port);
+  read_to_end(one_more.socket);
   EXPECT_EQ(status_of(*all.front(), hello), 0);
   all.pop_back();
-  bool taken = false;
-  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (!taken && std::chrono::steady_clock::now() < limit) {
-    const raw_connection next(server.port);
-    taken = status_of(next, hello) == 0;
-  }
-  EXPECT_TRUE(taken);
+  EXPECT_TRUE(wait_until([&] {
+    raw_connection next(server.port);
+    return status_of(next, hello) == 0;
+  }));
 }
 
 double eth0_rate(net_stat_manager& net) {
@@ -199,33 +174,24 @@ double eth0_rate(net_stat_manager& net) {
 // The same bytes seen by a client over its long interval and by one that came later: each divides
 // what it saw pass by the time that it watched.
 TEST(server, each_client_has_rates_over_its_own_interval) {
-  const changing_proc proc;
-  proc.eth0_received(0);
-  const running_server server(proc.options);
+  const network_tree tree;
+  const running_server server(tree.options());
   net_stat_manager early(loopback, server.port);
   EXPECT_EQ(early.start_net_monitor(), 0);
-  proc.eth0_received(1 << 20);
+  tree.received(1 << 20);
   net_stat_manager late(loopback, server.port);
   // Samples are shared for a tenth of a second: the late one starts once the change is seen.
-  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  double early_rate = 0;
-  while (early_rate <= 0 && std::chrono::steady_clock::now() < limit) {
-    early_rate = eth0_rate(early);
-  }
-  EXPECT_GT(early_rate, 0);
+  EXPECT_TRUE(wait_until([&] { return eth0_rate(early) > 0; }));
   EXPECT_EQ(late.start_net_monitor(), 0);
   double late_rate = -1;
-  while (late_rate < 0 && std::chrono::steady_clock::now() < limit) {
-    late_rate = eth0_rate(late);  // "-" until a second sample is there
-  }
+  wait_until([&] { return (late_rate = eth0_rate(late)) >= 0; });  // "-" until a second sample
   EXPECT_EQ(late_rate, 0);
 }
 
-TEST(server, monitoring_stops_with_its_session_and_with_its_id) {
-  const changing_proc proc;
-  proc.eth0_received(0);
-  const running_server server(proc.options);
-  const raw_connection connection(server.port);
+TEST(server, monitoring_stops_with_its_id) {
+  const network_tree tree;
+  const running_server server(tree.options());
+  raw_connection connection(server.port);
   const bytes bandwidth = request(6, mon_protocol::net_bandwidth);
   EXPECT_EQ(status_of(connection, request(6, mon_protocol::net_start)), 0);
   EXPECT_EQ(status_of(connection, bandwidth), 0);
@@ -263,12 +229,7 @@ TEST(server, counters_move_between_clients) {
   EXPECT_EQ(first->disable_perf_mon(), 0);
   EXPECT_EQ(first->enable_perf_mon(), 0);
   first.reset();
-  int status = -EBUSY;
-  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (status == -EBUSY && std::chrono::steady_clock::now() < limit) {
-    status = third.enable_perf_mon();
-  }
-  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(wait_until([&] { return third.enable_perf_mon() == 0; }));
 }
 
 }  // namespace

@@ -1,32 +1,20 @@
 #include "program_fixture.h"
 
-#include <android/log.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cstdarg>
-#include <cstdio>
 #include <new>
 
-timeval clock_now{};
+#include "log_file.h"
+
+timeval clock_now{1704164645, 5000};  // 2024-01-02 03:04:05.005000 UTC
 int64_t clock_step_s = 0;
 
-// These two win over the shared libraries' own.
-int __android_log_print(int prio, const char* tag, const char* fmt, ...) {
-  char message[1024];
-  va_list args;
-  va_start(args, fmt);
-  vsnprintf(message, sizeof message, fmt, args);
-  va_end(args);
-  std::string text = std::to_string(prio) + ' ' + tag + ' ' + message;
-  std::replace(text.begin(), text.end(), '\n', '|');
-  fake_mon_client::record(text);
-  return 1;
-}
-
+// Wins over the C library's own.
 int gettimeofday(timeval* tv, void* /*tz*/) noexcept {
   *tv = clock_now;
-  clock_now.tv_sec += clock_step_s;
+  if (clock_step_s != 0) {
+    clock_now.tv_sec += clock_step_s;
+  }
   return 0;
 }
 
@@ -43,6 +31,8 @@ void program::start_afresh() {
   new (&manager) zorva_manage;
   manager.tui_mode = false;
   manager.batch_mode = true;
+  static const int log = zorva_log_to_file(fake_mon_client::record_path.c_str());
+  EXPECT_EQ(log, 0);
   fake_mon_client::reset();
   clock_step_s = 0;
 }
@@ -51,4 +41,19 @@ void program::connect() {
   top = &monitor;
   EXPECT_EQ(monitor.zorva_top_init("127.0.0.1", 1234), 0);
   fake_mon_client::reset();
+}
+
+// The fault signals are the program's own to handle.
+extern "C" const char* __asan_default_options() {
+  return "handle_segv=0:handle_abort=0:handle_sigbus=0:handle_sigill=0:handle_sigfpe=0";
+}
+extern "C" const char* __tsan_default_options() {
+  return __asan_default_options();
+}
+
+// The program's uncaught exceptions are not the test framework's to catch.
+int main(int argc, char** argv) {
+  testing::InitGoogleTest(&argc, argv);
+  GTEST_FLAG_SET(catch_exceptions, false);
+  return RUN_ALL_TESTS();
 }

@@ -6,8 +6,8 @@
 #include <gtest/gtest.h>
 #include <sys/time.h>
 
+#include <functional>
 #include <string>
-#include <vector>
 
 #include "fake_mon_client.h"
 #include "zorva/monitor.h"
@@ -20,14 +20,12 @@ extern int64_t clock_step_s;
 // Runs `act` while this process's descriptor `fd` stands for `target`.
 void with_redirected(int fd, int target, const std::function<void()>& act);
 
-// A log message is among the calls' records as its priority, its tag and its text with "|" for a
-// line end: "6 ZORVA get_meminfo failed:-5|".
 class program : public testing::Test {
  protected:
   program() { start_afresh(); }
   ~program() override { top = nullptr; }
 
-  // Settings as at the start but for batch mode, no scripts, no records; the clock stands still.
+  // Settings as at the start but for batch mode, no records; the clock stands still.
   static void start_afresh();
 
   // Makes the client objects, and forgets the records that this took.

@@ -1,35 +1,57 @@
-// What the sampler tests share: the kept trees, and trees that a test makes for itself.
+// Figures of records as text, so that one comparison holds them all.
 #ifndef SAMPLER_TEST_H
 #define SAMPLER_TEST_H
 
-#include <cstdlib>
+#include <cmath>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
+#include <sstream>
 #include <string>
 
-inline std::string fixture(const std::string& name) {
-  return std::string(ZORVA_FIXTURES) + "/" + name;
+#include "mon_records.h"
+#include "samplers/file_reader.h"
+#include "test_tools.h"
+
+// A kept tree of a machine's files.
+inline samplers::file_reader fixture(const std::string& name) {
+  return samplers::file_reader(ZORVA_FIXTURES "/" + name);
 }
 
-// The text of a name that may fill its array.
+// A name that may fill its array.
 template <size_t size>
-std::string name_of(const char (&field)[size]) {
-  return std::string(field, strnlen(field, size));
+std::string text_of(const char (&name)[size]) {
+  return std::string(name, strnlen(name, size));
+}
+inline std::string text_of(char letter) {
+  return {letter};
+}
+inline std::string text_of(const std::string& text) {
+  return text;
+}
+// "-" for one that is unknown.
+template <class number>
+std::string text_of(number value) {
+  std::ostringstream text;
+  text << value;
+  const bool unknown =
+      std::isnan(static_cast<double>(value)) || value == static_cast<number>(unknown_u64);
+  return unknown ? "-" : text.str();
 }
 
-// A folder of its own for one test.
-class temporary_tree {
- public:
-  temporary_tree() { root = mkdtemp(root.data()); }
-  ~temporary_tree() { std::filesystem::remove_all(root); }
+template <class... value>
+std::string row(const value&... values) {
+  std::string text = ((text_of(values) + ' ') + ...);
+  text.back() = '\n';
+  return text;
+}
 
-  void write(const std::string& path, const std::string& content) const {
-    std::filesystem::create_directories(std::filesystem::path(root + "/" + path).parent_path());
-    std::ofstream(root + "/" + path) << content;
+// The rows that `show` makes of all.
+template <class list, class function>
+std::string rows(const list& all, const function& show) {
+  std::string text;
+  for (const auto& one : all) {
+    text += show(one);
   }
-
-  std::string root = std::filesystem::temp_directory_path() / "samplers-XXXXXX";
-};
+  return text;
+}
 
 #endif

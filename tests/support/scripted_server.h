@@ -1,111 +1,96 @@
-// A TCP server on a free loopback port whose every word a test decides.
+// Loopback TCP for tests: a client that says what it likes, and a server whose every word a test
+// decides.
 #ifndef SCRIPTED_SERVER_H
 #define SCRIPTED_SERVER_H
 
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
+#include <asio/buffer.hpp>
+#include <asio/io_context.hpp>
+#include <asio/ip/tcp.hpp>
+#include <asio/read.hpp>
+#include <asio/write.hpp>
 #include <atomic>
-#include <cstdint>
 #include <functional>
-#include <mutex>
-#include <stdexcept>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "mon_protocol.h"
 
-// One request as it arrived.
-struct received_request {
-  mon_protocol::message_header header{};
-  std::vector<uint8_t> payload;
-};
+using asio::ip::tcp;
+using bytes = std::vector<uint8_t>;
+using mon_protocol::message_header;
 
-inline bool read_fully(int fd, void* bytes, size_t length) {
-  return length == 0 || recv(fd, bytes, length, MSG_WAITALL) == static_cast<ssize_t>(length);
-}
-
-inline bool read_request(int fd, received_request& request) {
-  if (!read_fully(fd, &request.header, sizeof request.header)) {
-    return false;
-  }
-  request.payload.resize(request.header.length);
-  return read_fully(fd, request.payload.data(), request.payload.size());
-}
-
-inline std::vector<uint8_t> answer_to(const received_request& request, int32_t status = 0,
-                                      const std::vector<uint8_t>& payload = {}) {
-  mon_protocol::message_header header = request.header;
-  header.type = mon_protocol::type_answer;
-  header.status = status;
-  header.client_id = 1;
-  std::vector<uint8_t> message;
+inline bytes message_of(const message_header& header, const bytes& payload = {}) {
+  bytes message;
   mon_protocol::encode(header, payload.data(), payload.size(), message);
   return message;
 }
 
-inline void send_bytes(int fd, const std::vector<uint8_t>& bytes) {
-  send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+// False when the other side has closed the connection.
+inline bool read_message(tcp::socket& socket, message_header& header) {
+  asio::error_code error;
+  asio::read(socket, asio::buffer(&header, sizeof header), error);
+  bytes payload(error ? 0 : header.length);
+  asio::read(socket, asio::buffer(payload), error);
+  return !error;
+}
+inline bool send_bytes(tcp::socket& socket, const bytes& message) {
+  asio::error_code error;
+  asio::write(socket, asio::buffer(message), error);
+  return !error;
 }
 
-// Handles one connection at a time with `serve`, which gets the descriptor and returns when it is
-// done with it.
-class scripted_server {
- public:
-  explicit scripted_server(std::function<void(int)> serve_one) : serve(std::move(serve_one)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (bind(listener, reinterpret_cast<sockaddr*>(&address), size) != 0 ||
-        listen(listener, 16) != 0 ||
-        getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size) != 0) {
-      throw std::runtime_error("no loopback port");
-    }
-    port = ntohs(address.sin_port);
-    thread = std::thread([this] { run(); });
+// Returns when the other side has closed the connection.
+inline void read_to_end(tcp::socket& socket) {
+  asio::error_code error;
+  for (bytes some(4096); !error;) {
+    socket.read_some(asio::buffer(some), error);
   }
+}
 
+class loopback_user {
+ protected:
+  static tcp::endpoint loopback(int port) {
+    return {asio::ip::address_v4::loopback(), static_cast<uint16_t>(port)};
+  }
+  asio::io_context context;
+};
+
+struct raw_connection : loopback_user {
+  explicit raw_connection(int port) { socket.connect(loopback(port)); }
+  tcp::socket socket{context};
+};
+
+// Handles one connection at a time with `serve`, which returns when it is done with it.
+class scripted_server : loopback_user {
+ public:
+  explicit scripted_server(std::function<void(tcp::socket&)> serve)
+      : thread([this, serve = std::move(serve)] {
+          while (!stopping) {
+            asio::error_code error;
+            tcp::socket client = acceptor.accept(error);
+            current = client.native_handle();
+            if (!error) {
+              serve(client);
+            }
+            current = -1;
+          }
+        }) {}
   ~scripted_server() {
     stopping = true;
-    shutdown(listener, SHUT_RDWR);
-    {
-      const std::lock_guard<std::mutex> guard(lock);
-      shutdown(current, SHUT_RDWR);
-    }
+    shutdown(acceptor.native_handle(), SHUT_RDWR);
+    shutdown(current, SHUT_RDWR);
     thread.join();
-    close(listener);
   }
-
-  int port = 0;
 
  private:
-  void run() {
-    while (!stopping) {
-      const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-      if (fd < 0) {
-        continue;
-      }
-      {
-        const std::lock_guard<std::mutex> guard(lock);
-        current = fd;
-      }
-      serve(fd);
-      const std::lock_guard<std::mutex> guard(lock);
-      current = -1;
-      close(fd);
-    }
-  }
-
-  std::function<void(int)> serve;
-  int listener = -1;
+  tcp::acceptor acceptor{context, loopback(0)};
   std::atomic<bool> stopping{false};
-  std::mutex lock;  // guards current
-  int current = -1;
+  std::atomic<int> current{-1};
+
+ public:
+  const int port = acceptor.local_endpoint().port();
+
+ private:
   std::thread thread;
 };
 

@@ -3,13 +3,21 @@
 #define ZORVA_PERF_SWITCH_H
 
 class cpu_stat_manager;
+class windows_manager;
+
+// -EBUSY, which a client library answers while another client has the counters, or when it took
+// them.
+constexpr int counters_taken = -16;
 
 // Takes the counters for this client, from another client if need be, and logs each step and
 // failure. Returns the last status: negative when this client did not get them.
 int take_perf_counters(cpu_stat_manager& cpu);
 
-// What the key `p` does: the counters on when they are off, off when they are on. Runs on the main
-// thread.
+// Takes the counters' panel off the screen and gives its room to the process list.
+void close_perf_panel(windows_manager& winds);
+
+// What the key `p` does: the counters on when they are off, off when they are on; on the full
+// screen their panel comes and goes with them. Runs on the main thread.
 void switch_perf();
 
 #endif

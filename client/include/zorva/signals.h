@@ -9,14 +9,16 @@
 
 class cpu_stat_manager;
 class net_stat_manager;
+class windows_manager;
 
-// The client objects that the clean-up talks to. Set by whoever makes the objects, as soon as they
-// exist; a signal may come at any time before.
+// The objects that the clean-up talks to. Set by whoever makes them, as soon as they exist; a
+// signal may come at any time before.
 struct clean_up_targets {
   std::atomic<cpu_stat_manager*> cpu{nullptr};
   std::atomic<net_stat_manager*> net{nullptr};
+  std::atomic<windows_manager*> winds{nullptr};  // while curses has the terminal
 };
-extern clean_up_targets clean_up_clients;
+extern clean_up_targets clean_up_objects;
 
 // Handles SIGILL, SIGABRT, SIGBUS, SIGSEGV, SIGFPE, SIGSTKFLT, SIGPIPE and SIGINT for as long as it
 // lives; there is one, made first of all on the main thread.
@@ -32,9 +34,14 @@ class signal_guard {
   signal_guard(const signal_guard&) = delete;
   signal_guard& operator=(const signal_guard&) = delete;
 
-  // To be held by the main thread while it takes apart what the clean-up uses. When a signal is
-  // ending the program already, this does not return: the process dies by the signal.
-  std::unique_lock<std::mutex> begin_shutdown();
+  // To be held by the main thread while it makes or takes apart what the clean-up uses: none begins
+  // meanwhile. When a signal is ending the program already, this does not return: the process dies
+  // by the signal.
+  std::unique_lock<std::mutex> hold_off();
+
+  // To be called once curses has begun, with the hold-off: notes how this terminal's screen is
+  // left, should curses not be able to any more.
+  void screen_begins();
 
  private:
   void watch(int pipe_end);

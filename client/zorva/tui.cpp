@@ -1,0 +1,95 @@
+#include "zorva/tui.h"
+
+#include <curses.h>
+
+#include <clocale>
+#include <functional>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "zorva/monitor.h"
+#include "zorva/refresher.h"
+#include "zorva/settings.h"
+#include "zorva/signals.h"
+#include "zorva/window_manager.h"
+#include "zorva/workers.h"
+
+namespace {
+
+using panel_handle = std::shared_ptr<window_info>;
+using worker = std::function<void(panel_handle)>;
+
+constexpr int common_cycle_ms = 3000;
+constexpr int panel_cycle_ms = 1000;
+constexpr int no_cycle = 0;  // filled by the worker of the CPU panel
+
+panel_handle make_panel(const char* name, int cycle_ms) {
+  const position pos = top->winds->place_of(name, manager.enable_perf);
+  return std::make_shared<window_info>(name, pos.x, pos.y, pos.width, pos.height, cycle_ms);
+}
+
+panel_handle add_panel(const char* name, int cycle_ms, const worker& function, void* priv) {
+  auto panel = make_panel(name, cycle_ms);
+  top->winds->create_monitor_window(panel, function, priv);
+  return panel;
+}
+
+// "process" comes before "cpu", whose worker looks it up as soon as it starts.
+std::vector<panel_handle> build_panels() {
+  std::vector<panel_handle> panels;
+  panels.push_back(add_panel("common", common_cycle_ms, common_info_thread, top));
+  if (manager.enable_perf) {
+    add_panel("perf", no_cycle, nullptr, top);
+  }
+  panels.push_back(add_panel("process", no_cycle, nullptr, top));
+  panels.push_back(add_panel("cpu", manager.cycle_ms, sys_core_thread, top));
+  panels.push_back(add_panel("bpu", panel_cycle_ms, bpu_thread, top));
+  panels.push_back(add_panel("vio", panel_cycle_ms, vio_thread, top->vio.get()));
+  return panels;
+}
+
+// The worker of "cpu" may still take "perf" off the map, and wants the manager's lock for it: the
+// handles are copied under the lock, and joined without it.
+void join_workers(windows_manager& winds) {
+  std::vector<panel_handle> panels;
+  {
+    const std::lock_guard<std::mutex> win_lk(winds.lock);
+    for (const auto& [name, panel] : winds.windows) {
+      panels.push_back(panel);
+    }
+  }
+  for (const panel_handle& panel : panels) {
+    if (panel->thread.joinable()) {
+      panel->thread.join();
+    }
+  }
+}
+
+}  // namespace
+
+void run_tui(signal_guard& signals) {
+  setlocale(LC_CTYPE, "");  // curses then prints what a UTF-8 terminal can show
+  {
+    const auto hold = signals.hold_off();
+    top->winds = new windows_manager();
+    signals.screen_begins();
+    clean_up_objects.winds = top->winds;
+  }
+  std::vector<panel_handle> panels = build_panels();
+  top->flusher = std::thread(reflesh_thread, top->winds);
+  manager.wind_ready = true;
+
+  zorva_manage::read_input();
+
+  join_workers(*top->winds);
+  top->flusher.join();
+  const auto hold = signals.hold_off();
+  clean_up_objects.winds = nullptr;
+  delete top->winds;
+  top->winds = nullptr;
+  endwin();
+  while (!panels.empty()) {
+    panels.pop_back();
+  }
+}

@@ -1,0 +1,213 @@
+// The full screen in a terminal: what it shows, and how it leaves the terminal.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "fake_mon_client.h"
+#include "screen.h"
+#include "test_tools.h"
+#include "zorva_run.h"
+
+namespace {
+
+constexpr char texts[] =
+    "get_all_thermal\ttext=Thermal  cpu 45.2C\n"
+    "get_meminfo\ttext=[Mem total 15.5G]\n"
+    "get_ion_info\ttext=[ION none]\n"
+    "get_partition_info\ttext=Partitions  /log -\n"
+    "get_cpu_usage\ttext=CPU head\\ncpu0\\n\n"
+    "get_bpu_ratio_all\ttext=BPU  none\\n\n"
+    "get_bandwidth_stat\ttext=Net  lo\\n\n"
+    "get_block_usage\ttext=Block  vda\n"
+    "get_process_all\ttext=PID head\\n  1 init\\n\n";
+
+struct tui_run : zorva_run {
+  explicit tui_run(const lines& options, const std::string& more = "", int rows = 60,
+                   int columns = 200)
+      : zorva_run(how(options, texts + more, rows, columns)), shown(rows, columns) {}
+
+  static set_up how(const lines& options, const std::string& script, int rows, int columns) {
+    set_up one;
+    setenv("TERM", "xterm-256color", 1);
+    one.options = options;
+    one.script = script;
+    one.rows = static_cast<unsigned short>(rows);
+    one.columns = static_cast<unsigned short>(columns);
+    return one;
+  }
+  bool wait_for_screen(const std::function<bool()>& is_right) {
+    return wait_until([&] {
+      shown.show(output);
+      return is_right();
+    });
+  }
+  bool wait_for_text(int row, int column, const std::string& text) {
+    return wait_for_screen(
+        [&] { return shown.text(row, column, static_cast<int>(text.size())) == text; });
+  }
+  void resize(int rows, int columns) {
+    winsize size{};
+    size.ws_row = static_cast<unsigned short>(rows);
+    size.ws_col = static_cast<unsigned short>(columns);
+    shown.resize(rows, columns);
+    ioctl(terminal.master, TIOCSWINSZ, &size);
+  }
+  // Echo, line editing, cursor and the screen that was there before.
+  void expect_terminal_back() {
+    EXPECT_TRUE(wait_for_local_modes(ICANON | ECHO));
+    EXPECT_TRUE(wait_for_screen([&] { return !shown.full_screen && shown.cursor_visible; }));
+  }
+  void quit() {
+    EXPECT_TRUE(wait_for_local_modes(0));
+    terminal.type("q");
+    EXPECT_EQ(end(), "exit 0");
+    expect_terminal_back();
+  }
+
+  screen shown;
+};
+
+TEST(tui, panels_have_their_places_and_bars) {
+  tui_run run({"-d", "50"});
+  EXPECT_TRUE(run.wait_for_text(23, 0, "PID head"));
+  EXPECT_TRUE(run.wait_for_text(13, 0, "BPU  none"));
+  EXPECT_TRUE(run.wait_for_text(0, 0, "Thermal  cpu 45.2C"));
+  EXPECT_TRUE(run.wait_for_text(3, 0, "CPU head"));
+  EXPECT_TRUE(run.shown.full_screen);
+  EXPECT_FALSE(run.shown.cursor_visible);
+  EXPECT_EQ(run.shown.bar_width(0), 199);
+  EXPECT_EQ(run.shown.bar_width(3), 69);
+  EXPECT_EQ(run.shown.bar_width(13), 199);
+  EXPECT_EQ(run.shown.bar_width(23), 199);
+  EXPECT_EQ(run.shown.text(1), "[Mem total 15.5G], [ION none]");
+  EXPECT_EQ(run.shown.text(2), "Partitions  /log -");
+  EXPECT_EQ(run.shown.text(4), "cpu0");
+  EXPECT_EQ(run.shown.text(14) + run.shown.text(16), "");
+  EXPECT_EQ(run.shown.text(15), "Net  lo");
+  EXPECT_EQ(run.shown.text(17), "Block  vda");
+  EXPECT_EQ(run.shown.text(24), "  1 init");
+  EXPECT_EQ(run.shown.text(3, 70), "") << "the VIO panel stays empty";
+  run.quit();
+}
+
+// The figures come again and again and are the same: the terminal is left alone.
+TEST(tui, nothing_new_is_no_byte) {
+  tui_run run({"-d", "50"});
+  ASSERT_TRUE(run.wait_for_call("get_all_thermal other", 2));
+  ASSERT_TRUE(run.wait_for_text(0, 0, "Thermal  cpu 45.2C"));
+  const size_t written = run.output.size();
+  ASSERT_TRUE(run.wait_for_call("get_bpu_ratio_all other", 6));
+  EXPECT_EQ(run.output.size(), written);
+  run.quit();
+}
+
+TEST(tui, counters_come_and_go_with_the_key) {
+  tui_run run({"-d", "50"}, "get_perf_data\ttext=Counters\\n\n");
+  ASSERT_TRUE(run.wait_for_text(23, 0, "PID head"));
+  run.terminal.type("p");
+  EXPECT_TRUE(run.wait_for_text(23, 118, "Counters"));
+  EXPECT_TRUE(run.wait_for_screen([&] { return run.shown.bar_width(23) == 117; }));
+  EXPECT_EQ(run.shown.bar_width(23, 118), 81);
+  run.terminal.type("p");
+  EXPECT_TRUE(run.wait_for_screen([&] { return run.shown.bar_width(23) == 199; }));
+  EXPECT_EQ(run.shown.text(23, 118), "");
+  EXPECT_EQ(fake_mon_client::times_recorded("disable_perf_mon"), 1u);
+  run.quit();
+}
+
+TEST(tui, counters_that_another_client_takes_leave_the_screen) {
+  tui_run run({"-d", "50", "-P"}, "get_perf_data\ttext=Counters\\n\tstatus=0,0,0,0,0,0,0,0,-16\n");
+  EXPECT_TRUE(run.wait_for_text(23, 118, "Counters"));
+  EXPECT_TRUE(run.wait_for_screen([&] { return run.shown.bar_width(23) == 199; }));
+  EXPECT_EQ(fake_mon_client::times_recorded("disable_perf_mon"), 0u);
+  EXPECT_EQ(fake_mon_client::records().find("failed"), std::string::npos);
+  run.quit();
+}
+
+TEST(tui, resize_lays_out_anew) {
+  tui_run run({"-d", "50"});
+  ASSERT_TRUE(run.wait_for_text(23, 0, "PID head"));
+  run.resize(30, 100);
+  EXPECT_TRUE(run.wait_for_screen(
+      [&] { return run.shown.bar_width(23) == 99 && run.shown.bar_width(13) == 99; }));
+  run.resize(40, 160);
+  EXPECT_TRUE(run.wait_for_screen([&] { return run.shown.bar_width(23) == 159; }));
+  EXPECT_EQ(run.shown.text(24), "  1 init");
+  run.quit();
+}
+
+TEST(tui, tiny_terminals_neither_crash_nor_hang) {
+  for (const auto& [rows, columns] : {std::pair(1, 1), {3, 10}, {23, 80}, {24, 80}, {40, 118}}) {
+    SCOPED_TRACE(std::to_string(columns) + 'x' + std::to_string(rows));
+    tui_run run({"-d", "20", "-P"}, "", rows, columns);
+    EXPECT_TRUE(run.wait_for_call("get_bpu_ratio_all other") || rows < 23);
+    run.terminal.type("pp");
+    run.quit();
+  }
+}
+
+TEST(tui, records_go_to_the_output_file) {
+  const temporary_folder folder;
+  const std::string path = folder.file("records");
+  std::ofstream(path) << "kept\n";
+  tui_run run({"-d", "50", "-o", path});
+  ASSERT_TRUE(run.wait_for_text(0, 0, "Thermal  cpu 45.2C"));
+  run.quit();
+  const std::string records = read_file(path);
+  EXPECT_EQ(records.rfind("kept\n\n[20", 0), 0u) << records.substr(0, 80);
+  const std::string common =
+      "]\nThermal  cpu 45.2C\n[Mem total 15.5G], [ION none]\nPartitions  /log -\n";
+  EXPECT_NE(records.find(common), std::string::npos);
+  EXPECT_NE(records.find("]\nPID head\n  1 init\n"), std::string::npos);
+}
+
+// Every end puts the terminal back, wherever the threads are.
+TEST(tui, every_end_leaves_the_terminal_as_it_was) {
+  struct ending {
+    const char* script;
+    int kill_by;  // 0: the script brings it about
+    const char* how;
+  };
+  const ending all[] = {
+      {"", SIGINT, "Interrupt"},
+      {"", SIGPIPE, "Broken pipe"},
+      {"", SIGSEGV, "Segmentation fault"},
+      {"get_bpu_ratio_all\tcrash\n", 0, "Segmentation fault"},
+      {"get_process_all\traise=6\n", 0, "Aborted"},
+      {"get_cpu_usage\tblock\n", SIGINT, "Interrupt"},
+      {"cpu_mon_exit\tblock\n", SIGINT, "Interrupt"},
+      {"cpu_mon_exit\tblock\nget_bpu_ratio_all\tcrash\n", 0, "Segmentation fault"},
+      {"start_net_monitor\tstatus=-5\n", 0, "exit 255"},
+  };
+  for (const ending& one : all) {
+    SCOPED_TRACE(std::string(one.how) + ' ' + one.script);
+    tui_run run({"-d", "50"}, one.script);
+    if (one.kill_by != 0) {
+      ASSERT_TRUE(run.wait_for_text(13, 0, "BPU  none"));
+      ASSERT_TRUE(run.wait_for_local_modes(0));
+      kill(run.pid, one.kill_by);
+    }
+    EXPECT_EQ(run.end(), one.how);
+    run.expect_terminal_back();
+  }
+}
+
+// A held key, a dragged window and a query that hangs while `q` is pressed.
+TEST(tui, storms_end_well) {
+  tui_run run({"-d", "1"}, std::string("get_perf_data\ttext=Counters\\n\tstatus=0,0,0,0,-16\n") +
+                               "get_meminfo\t" + until_go + "\ttext=[Mem]\n");
+  ASSERT_TRUE(run.wait_for_local_modes(0));
+  for (int i = 0; i < 60; ++i) {
+    run.terminal.type("pHpPcbinr");
+    run.resize(24 + i % 37, 80 + 3 * i);
+  }
+  run.terminal.type("q");
+  run.go();
+  EXPECT_EQ(run.end(), "exit 0");
+  run.expect_terminal_back();
+}
+
+}  // namespace
