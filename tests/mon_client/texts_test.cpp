@@ -34,8 +34,8 @@ TEST(text_tools, figures_keep_their_width) {
   EXPECT_EQ(text_tools::figure(123456.7, 6), "123457");
   EXPECT_EQ(text_tools::figure(1234567.0, 6), "1.2M");
   EXPECT_EQ(text_tools::figure(INFINITY, 6), "-");
-  for (double value = 1e-3; value < 1e38; value *= 7) {
-    EXPECT_LE(text_tools::figure(-value, 5).size(), 5U) << value;
+  for (int power = -3; power < 38; ++power) {
+    EXPECT_LE(text_tools::figure(-9.96 * std::pow(10, power), 5).size(), 5U) << power;
   }
   EXPECT_EQ(text_tools::size_text(1023), "1023B");
   EXPECT_EQ(text_tools::size_text(UINT64_MAX - 1), "16.0E");
@@ -151,9 +151,7 @@ TEST(texts, process_list) {
   EXPECT_EQ(header(5),
             "  TID   PID S PRI CPU  CPU%  BPU%  IO KB/s  NET KB/s   *RSS THREADS 9 by RAM");
   EXPECT_NE(header(2).find("*BPU%"), std::string::npos);
-  EXPECT_NE(header(3).find("*IO KB/s"), std::string::npos);
   EXPECT_NE(header(4).find("*NET KB/s"), std::string::npos);
-  EXPECT_EQ(header(9), header(1));
 }
 
 TEST(texts, process_names_and_figures_cannot_break_the_list) {

@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include <future>
+#include <atomic>
 #include <optional>
 
 #include "test_tools.h"
@@ -13,14 +13,7 @@ namespace {
 using result = std::shared_ptr<const slow_reader::bytes>;
 
 struct slow_reader_test : testing::Test {
-  ~slow_reader_test() override { let_go(); }
-
-  void let_go() {
-    if (hanging) {
-      gate.set_value();
-    }
-    hanging = false;
-  }
+  ~slow_reader_test() override { *open = true; }
 
   // Asks, and runs the event loop until the answer is there.
   result ask(const std::string& key, const slow_reader::job& job) {
@@ -34,11 +27,10 @@ struct slow_reader_test : testing::Test {
     return answer.value_or(nullptr);
   }
 
-  bool hanging = true;
-  std::promise<void> gate;
-  const std::shared_future<void> open = gate.get_future().share();
-  const slow_reader::job dead = [gate_of = open] {
-    gate_of.wait();
+  // Reads may outlive the reader.
+  const std::shared_ptr<std::atomic<bool>> open = std::make_shared<std::atomic<bool>>(false);
+  const slow_reader::job dead = [gate = open] {
+    wait_until([&gate] { return gate->load(); });
     return slow_reader::bytes{1};
   };
   const slow_reader::job good = [this] { return slow_reader::bytes{++reads}; };
@@ -61,7 +53,7 @@ TEST_F(slow_reader_test, a_hanging_read_is_unknown_and_holds_up_no_other) {
     ASSERT_NE(got, nullptr);
     EXPECT_EQ(*got, slow_reader::bytes{1});
   }
-  let_go();
+  *open = true;
   EXPECT_TRUE(wait_until([&] { return ask("dead", good) != nullptr; }));
 }
 

@@ -27,6 +27,17 @@ using lines = std::vector<std::string>;
 // Lets calls return once go() was called, for use in a script.
 constexpr char until_go[] = "until=go";
 
+// The arguments for main; puts the program's name before the words.
+inline std::vector<char*> arguments(lines& words) {
+  words.insert(words.begin(), "zorva");
+  std::vector<char*> argv;
+  for (std::string& word : words) {
+    argv.push_back(word.data());
+  }
+  argv.push_back(nullptr);
+  return argv;
+}
+
 struct pseudo_terminal {
   explicit pseudo_terminal(unsigned short rows = 24, unsigned short columns = 80) {
     const winsize size{rows, columns, 0, 0};
@@ -146,13 +157,12 @@ struct zorva_run {
     // A key's signal goes to the program's parent, too.
     signal(SIGINT, SIG_IGN);
     int status = -1;
-    bool told = write(status_end, &pid, sizeof pid) > 0;
+    [[maybe_unused]] ssize_t written = write(status_end, &pid, sizeof pid);
     waitpid(pid, &status, 0);
-    told = told && write(status_end, &status, sizeof status) > 0;
-    while (told) {
+    written = write(status_end, &status, sizeof status);
+    while (true) {
       pause();
     }
-    _exit(1);
   }
 
   [[noreturn]] static void run_program(set_up how) {
@@ -166,12 +176,8 @@ struct zorva_run {
       dup2(how.output, STDOUT_FILENO);
     }
     dup2(fake_mon_client::record_file, STDERR_FILENO);
-    how.options.insert(how.options.begin(), {"zorva", "-l", fake_mon_client::record_path});
-    std::vector<char*> argv;
-    for (std::string& word : how.options) {
-      argv.push_back(word.data());
-    }
-    argv.push_back(nullptr);
+    how.options.insert(how.options.begin(), {"-l", fake_mon_client::record_path});
+    std::vector<char*> argv = arguments(how.options);
     exit(zorva_main(static_cast<int>(how.options.size()), argv.data()));
   }
 

@@ -1,6 +1,6 @@
 #include "samplers/board.h"
 
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include "sampler_test.h"

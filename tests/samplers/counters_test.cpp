@@ -1,6 +1,6 @@
 #include "samplers/counters.h"
 
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <linux/perf_event.h>
 #include <unistd.h>
 
@@ -9,8 +9,8 @@
 namespace samplers {
 namespace {
 
-group_reading group_of(std::vector<std::pair<counter_member, uint64_t>> counts, uint64_t enabled,
-                       uint64_t running) {
+group_reading group_of(const std::vector<std::pair<counter_member, uint64_t>>& counts,
+                       uint64_t enabled, uint64_t running) {
   group_reading group;
   group.valid = true;
   for (const auto& [counter, value] : counts) {
