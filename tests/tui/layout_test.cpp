@@ -11,7 +11,7 @@ TEST(layout, covers_the_screen_without_overlap) {
   for (const bool perf : {false, true}) {
     for (int width = 119; width <= 260; width += 47) {
       for (int height = 24; height <= 80; height += 28) {
-        std::vector<int> owners(static_cast<size_t>(width * height), 0);
+        std::vector<int> owners(static_cast<size_t>(width) * static_cast<size_t>(height), 0);
         for (const auto& [name, pos] : default_layout(width, height, perf)) {
           for (int y = pos.y; y < pos.y + pos.height; ++y) {
             for (int x = pos.x; x < pos.x + pos.width; ++x) {

@@ -28,7 +28,7 @@ class screen {
 
  private:
   struct free_terminal {
-    void operator()(VTerm* terminal) const { vterm_free(terminal); }
+    void operator()(VTerm* one) const { vterm_free(one); }
   };
   static int set_property(VTermProp property, VTermValue* value, void* self);
 

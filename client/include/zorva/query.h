@@ -5,9 +5,9 @@
 #include "zorva/log.h"
 #include "zorva/settings.h"
 
-// Makes queries one after the other and logs those that fail. Nothing is asked any more after a query
-// that failed once the program exits: a server that hangs then costs the time-out of one query and not
-// of all.
+// Makes queries one after the other and logs those that fail. Nothing is asked any more after a
+// query that failed once the program exits: a server that hangs then costs the time-out of one
+// query and not of all.
 class query_round {
  public:
   // Calls `ask`, which makes the query `name` and returns its status.
