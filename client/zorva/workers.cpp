@@ -36,6 +36,13 @@ std::shared_ptr<window_info> find_panel(const windows_manager& winds, const char
   return found == winds.windows.end() ? nullptr : found->second;
 }
 
+// The text of a panel that has nothing but what the library says. An empty one would leave the old
+// figures on the screen: a query that failed makes the panel blank.
+std::string or_blank(const std::stringstream& ss) {
+  const std::string text = ss.str();
+  return text.empty() ? "\n" : text;
+}
+
 std::string common_text(zorva& monitor) {
   std::stringstream ss;
   query_round query;
@@ -76,7 +83,7 @@ std::string process_text(zorva& monitor) {
   std::stringstream ss;
   query_round query;
   query("get_process_all", [&] { return monitor.cpu->get_process_all(process_list_mode(), &ss); });
-  return ss.str();
+  return or_blank(ss);
 }
 
 // `wperf` is the last counter panel that was found. A panel is destroyed with its last handle, so
@@ -97,7 +104,7 @@ void fill_perf_panel(zorva& monitor, windows_manager& winds, std::shared_ptr<win
     manager.enable_perf = false;
     close_perf_panel(winds);
   }
-  wperf->publish(ss.str());
+  wperf->publish(or_blank(ss));
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include <unistd.h>
 #include <utmp.h>
 
+#include <cerrno>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -158,7 +159,8 @@ struct zorva_run {
     signal(SIGINT, SIG_IGN);
     int status = -1;
     [[maybe_unused]] ssize_t written = write(status_end, &pid, sizeof pid);
-    waitpid(pid, &status, 0);
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {  // a resize may interrupt it
+    }
     written = write(status_end, &status, sizeof status);
     while (true) {
       pause();
