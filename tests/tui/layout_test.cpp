@@ -15,8 +15,10 @@ TEST(layout, covers_the_screen_without_overlap) {
         for (const auto& [name, pos] : default_layout(width, height, perf)) {
           for (int y = pos.y; y < pos.y + pos.height; ++y) {
             for (int x = pos.x; x < pos.x + pos.width; ++x) {
-              ASSERT_LT(y * width + x, width * height) << name;
-              ++owners[static_cast<size_t>(y * width + x)];
+              const size_t cell =
+                  static_cast<size_t>(y) * static_cast<size_t>(width) + static_cast<size_t>(x);
+              ASSERT_LT(cell, owners.size()) << name;
+              ++owners[cell];
             }
           }
         }
