@@ -35,15 +35,17 @@ panel_handle add_panel(const char* name, int cycle_ms, const worker& function, v
   return panel;
 }
 
-// "process" comes before "cpu", whose worker looks it up as soon as it starts.
+// "process" is registered before "cpu", whose worker looks it up as soon as it starts. The handles
+// are in the order of the screen, and dropped from its end.
 std::vector<panel_handle> build_panels() {
   std::vector<panel_handle> panels;
   panels.push_back(add_panel("common", common_cycle_ms, common_info_thread, top));
   if (manager.enable_perf) {
     add_panel("perf", no_cycle, nullptr, top);
   }
-  panels.push_back(add_panel("process", no_cycle, nullptr, top));
+  const auto process = add_panel("process", no_cycle, nullptr, top);
   panels.push_back(add_panel("cpu", manager.cycle_ms, sys_core_thread, top));
+  panels.push_back(process);
   panels.push_back(add_panel("bpu", panel_cycle_ms, bpu_thread, top));
   panels.push_back(add_panel("vio", panel_cycle_ms, vio_thread, top->vio.get()));
   return panels;
