@@ -6,7 +6,6 @@
 #include "client_comm.h"
 
 #include <fmt/format.h>
-#include <netdb.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
