@@ -86,7 +86,7 @@ answer process_answer(const std::vector<uint8_t>& payload, session_state& state,
   const bool threads = (mode & 0xff00) == 0xff00;
   int error = 0;
   const auto read = [&](samplers::process_sample& sample) {
-    return samplers::read_process_sample(*figures.root, threads, sample);
+    return figures.process_sampler.read(threads, sample);
   };
   auto newest = (threads ? figures.threads : figures.processes).newest(read, error);
   if (!newest) {
@@ -95,7 +95,7 @@ answer process_answer(const std::vector<uint8_t>& payload, session_state& state,
   auto& interval = threads ? state.threads : state.processes;
   interval.advance(std::move(newest));
   top_pid_info list{};
-  samplers::top_processes(interval.before.get(), *interval.now, sort_key, list);
+  figures.process_ranking.top(interval.before.get(), *interval.now, sort_key, list);
   const size_t size =
       offsetof(top_pid_info, send_pid_info) + static_cast<size_t>(list.pid_num) * sizeof(pid_msg);
   answer result;
@@ -307,6 +307,7 @@ machine_figures::machine_figures(asio::io_context& loop, const server_options& o
     : root(std::make_shared<const samplers::file_reader>(options.sysroot)),
       board(options.board.empty() ? nullptr
                                   : std::make_shared<const samplers::file_reader>(options.board)),
+      process_sampler(root, {options.keep_files, options.use_bpf}),
       drivers(loop, slow_threads),
       partitions(loop, slow_threads) {}
 

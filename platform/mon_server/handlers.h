@@ -15,6 +15,7 @@
 #include "samplers/cpu.h"
 #include "samplers/file_reader.h"
 #include "samplers/net_devices.h"
+#include "samplers/process_sampler.h"
 #include "samplers/processes.h"
 #include "server_options.h"
 #include "slow_reader.h"
@@ -33,6 +34,8 @@ struct machine_figures {
   snapshot_source<samplers::process_sample> threads;
   snapshot_source<samplers::block_sample> blocks;
   snapshot_source<samplers::net_sample> net_devices;
+  samplers::process_sampler process_sampler;
+  samplers::process_ranking process_ranking;
   counters_owner counters;
   slow_reader drivers;     // thermal, ION, BPU, VIO
   slow_reader partitions;  // apart from the drivers: dead mounts take none of their threads

@@ -1,3 +1,5 @@
+#include <sys/resource.h>
+
 #include <asio/io_context.hpp>
 #include <asio/signal_set.hpp>
 #include <csignal>
@@ -7,6 +9,20 @@
 #include "server.h"
 #include "server_log.h"
 #include "server_options.h"
+
+namespace {
+
+// Clients, counters (one a CPU and event) and processes' files that are kept open need more than
+// the usual 1,024.
+void raise_descriptor_limit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+  }
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
   server_options options;
@@ -21,6 +37,7 @@ int main(int argc, char** argv) {
     case command_line::run:
       break;
   }
+  raise_descriptor_limit();
   // Log lines to a reader that went away must not end the server.
   std::signal(SIGPIPE, SIG_IGN);
   asio::io_context loop(1);

@@ -113,6 +113,9 @@ void server::accept_failed(const asio::error_code& error) {
 
 void server::session_ended(uint32_t id) {
   sessions.erase(id);
+  if (sessions.empty()) {
+    figures.process_sampler.release();
+  }
   if (paused) {
     pause.cancel();
   }

@@ -18,11 +18,16 @@ constexpr char usage[] =
     "  --port N        port to listen on, default 1234; 0 takes a free one and logs its number\n"
     "  --board DIR     folder with the board's BPU, VIO and ION figures, one number a file\n"
     "  --sysroot DIR   read DIR/proc and DIR/sys in place of the machine's own\n"
+    "  --keep-files N  files of processes that stay open between samples, default 4096; each "
+    "takes\n"
+    "                  some 6 KiB of the kernel's memory\n"
+    "  --no-bpf        read processes from /proc even where a BPF program could\n"
     "  --help          this text\n"
     "  --version       the version\n";
 
-bool parse_port(std::string_view text, uint16_t& port) {
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), port);
+template <class integer>
+bool parse_number(std::string_view text, integer& number) {
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
   return error == std::errc() && end == text.data() + text.size();
 }
 
@@ -44,6 +49,8 @@ command_line parse_server_options(int argc, char** argv, server_options& options
       {"port", required_argument, nullptr, 'p'},
       {"board", required_argument, nullptr, 'b'},
       {"sysroot", required_argument, nullptr, 's'},
+      {"keep-files", required_argument, nullptr, 'k'},
+      {"no-bpf", no_argument, nullptr, 'n'},
       {"help", no_argument, nullptr, 'h'},
       {"version", no_argument, nullptr, 'v'},
       {nullptr, 0, nullptr, 0},
@@ -55,7 +62,7 @@ command_line parse_server_options(int argc, char** argv, server_options& options
         options.listen = optarg;
         break;
       case 'p':
-        if (!parse_port(optarg, options.port)) {
+        if (!parse_number(optarg, options.port)) {
           text = std::string("--port ") + optarg + ": not a port number, 0 to 65535\n";
           return command_line::wrong;
         }
@@ -65,6 +72,15 @@ command_line parse_server_options(int argc, char** argv, server_options& options
         break;
       case 's':
         options.sysroot = optarg;
+        break;
+      case 'k':
+        if (!parse_number(optarg, options.keep_files)) {
+          text = std::string("--keep-files ") + optarg + ": not a number\n";
+          return command_line::wrong;
+        }
+        break;
+      case 'n':
+        options.use_bpf = false;
         break;
       case 'h':
         text = usage;

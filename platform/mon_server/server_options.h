@@ -2,14 +2,17 @@
 #ifndef SERVER_OPTIONS_H
 #define SERVER_OPTIONS_H
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
 struct server_options {
   std::string listen = "127.0.0.1";
-  uint16_t port = 1234;  // 0: any that is free; the log line says which
-  std::string sysroot;   // empty: the machine's own /proc and /sys
-  std::string board;     // folder of the board's figures; empty: none
+  uint16_t port = 1234;      // 0: any that is free; the log line says which
+  std::string sysroot;       // empty: the machine's own /proc and /sys
+  std::string board;         // folder of the board's figures; empty: none
+  size_t keep_files = 4096;  // descriptors of processes' files that stay open, at most
+  bool use_bpf = true;       // where the kernel and the rights allow it
 };
 
 enum class command_line {

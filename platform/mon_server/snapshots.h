@@ -5,9 +5,12 @@
 #ifndef SNAPSHOTS_H
 #define SNAPSHOTS_H
 
+#include <algorithm>
 #include <cstdint>
+#include <iterator>
 #include <memory>
 #include <utility>
+#include <vector>
 
 #include "samplers/clock.h"
 
@@ -25,17 +28,32 @@ class snapshot_source {
     if (last && samplers::monotonic_us() - last->time_us < young_us) {
       return last;
     }
-    auto taken = std::make_shared<sample>();
+    const std::shared_ptr<sample> taken = unused_sample();
     error = take(*taken);
     if (error < 0) {
       return nullptr;
     }
-    last = std::move(taken);
+    last = taken;
     return last;
   }
 
  private:
+  // One that nobody looks at any more, with the memory that it has grown to, or a new one. Of those
+  // that nobody looks at no more than one is kept.
+  std::shared_ptr<sample> unused_sample() {
+    const auto unused = [](const std::shared_ptr<sample>& one) { return one.use_count() == 1; };
+    const auto first = std::find_if(all.begin(), all.end(), unused);
+    if (first == all.end()) {
+      all.push_back(std::make_shared<sample>());
+      return all.back();
+    }
+    std::shared_ptr<sample> found = *first;
+    all.erase(std::remove_if(std::next(first), all.end(), unused), all.end());
+    return found;
+  }
+
   std::shared_ptr<const sample> last;
+  std::vector<std::shared_ptr<sample>> all;
 };
 
 // The interval that a session's rates are over.

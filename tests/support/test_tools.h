@@ -42,6 +42,10 @@ struct temporary_folder {
     std::ofstream(file("being-written")) << content;
     std::filesystem::rename(file("being-written"), target);
   }
+  void link(const std::string& name, const std::string& target) const {
+    std::filesystem::create_directories(std::filesystem::path(file(name)).parent_path());
+    std::filesystem::create_symlink(target, file(name));
+  }
 
   std::string path = std::filesystem::temp_directory_path() / "zorva-test-XXXXXX";
 };

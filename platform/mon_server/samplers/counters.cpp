@@ -1,7 +1,6 @@
 #include "samplers/counters.h"
 
 #include <linux/perf_event.h>
-#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -25,17 +24,6 @@ struct kernel_reading {
   uint64_t running_ns;
   uint64_t values[max_group_events];
 };
-
-// Each event takes a descriptor on each CPU; what else the process has open keeps its room.
-void make_room_for_descriptors(size_t cpus) {
-  constexpr rlim_t other_descriptors = 1024;
-  const rlim_t wanted = cpus * (sizeof(perf_counters) / sizeof(uint64_t)) + other_descriptors;
-  rlimit limit{};
-  if (getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < wanted) {
-    limit.rlim_cur = std::min(wanted, limit.rlim_max);
-    setrlimit(RLIMIT_NOFILE, &limit);
-  }
-}
 
 perf_sample unknown_sample() {
   perf_sample sample{};
@@ -101,7 +89,6 @@ int counter_set::open() {
   groups.clear();
   online_cpus = reader.read_line(online_path);
   const std::vector<int32_t> cpus = parse_cpu_list(online_cpus);
-  make_room_for_descriptors(cpus.size());
   const std::vector<pmu> pmus = read_pmus(reader);
   int first_error = 0;
   for (const int32_t cpu : cpus) {

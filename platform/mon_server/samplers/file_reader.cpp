@@ -21,14 +21,9 @@ constexpr size_t listing_buffer_size = 32 * 1024;
 
 constexpr size_t first_file_size = 4096;
 
-// Never blocks, not even on a FIFO that lies in a board folder.
-file_descriptor open_file(int folder_fd, const char* path) {
-  return file_descriptor(openat(folder_fd, path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
-}
-
 // Files of procfs and sysfs count as regular; a FIFO, a device or a folder holds no figure.
 file_descriptor open_regular_file(int folder_fd, const char* path, int& error) {
-  file_descriptor fd = open_file(folder_fd, path);
+  file_descriptor fd = open_at(folder_fd, path);
   error = fd ? 0 : -errno;
   struct stat status {};
   if (fd && (fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode))) {
@@ -125,24 +120,24 @@ int file_reader::list(const char* path, std::vector<std::string>& names) const {
   return result;
 }
 
+int file_reader::read_link(const char* path, char* buffer, size_t size) const {
+  const ssize_t length = readlinkat(root_fd.get(), path, buffer, size);
+  return length < 0 ? -errno : static_cast<int>(length);
+}
+
 file_descriptor file_reader::open_folder(const char* path) const {
   return file_descriptor(openat(root_fd.get(), path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
 }
 
-int read_at(int folder_fd, const char* path, char* buffer, size_t size) {
-  const file_descriptor fd = open_file(folder_fd, path);
-  if (!fd) {
-    return -errno;
-  }
-  const ssize_t length = read(fd.get(), buffer, size);
-  return length < 0 ? -errno : static_cast<int>(length);
+file_descriptor open_at(int folder_fd, const char* path) {
+  return file_descriptor(openat(folder_fd, path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
 }
 
 int list_numbers(int folder_fd, std::vector<int32_t>& numbers) {
   numbers.clear();
   return for_each_name(folder_fd, [&numbers](const char* name) {
-    const uint64_t number = name[0] >= '0' && name[0] <= '9' ? to_u64(name) : 0;
-    if (number > 0 && number <= INT32_MAX) {
+    const uint64_t number = to_u64(name);
+    if (number <= INT32_MAX) {
       numbers.push_back(static_cast<int32_t>(number));
     }
   });

@@ -40,7 +40,10 @@ class file_reader {
   // Names in a folder without hidden ones, numbers in natural order.
   int list(const char* path, std::vector<std::string>& names) const;
 
-  // Opens a folder to read below it; see read_at() and list_numbers().
+  // Where a symbolic link leads, cut to `size` and without a NUL; returns its length.
+  int read_link(const char* path, char* buffer, size_t size) const;
+
+  // Opens a folder to read below it; see open_at() and list_numbers().
   file_descriptor open_folder(const char* path) const;
 
   // True unless a tree stands in for the machine's own root.
@@ -50,11 +53,11 @@ class file_reader {
   file_descriptor root_fd;
 };
 
-// One read of at most `size` bytes from a file below an open folder, for the many files of
-// processes; returns the count of bytes or a negative errno.
-int read_at(int folder_fd, const char* path, char* buffer, size_t size);
+// Opens a file below an open folder to read it. Never blocks, not even on a FIFO that lies in a
+// board folder.
+file_descriptor open_at(int folder_fd, const char* path);
 
-// The entries of an open folder whose names are positive numbers, in the folder's order. Reads on
+// The entries of an open folder whose names are numbers, in the folder's order. Reads on
 // from the descriptor's position, so a descriptor serves for one listing.
 int list_numbers(int folder_fd, std::vector<int32_t>& numbers);
 

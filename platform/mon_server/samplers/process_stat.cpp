@@ -1,10 +1,11 @@
-// The texts of /proc/PID/stat and /proc/PID/io.
+#include "samplers/process_stat.h"
+
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
-#include <cmath>
 
-#include "samplers/processes.h"
 #include "samplers/text.h"
 
 namespace samplers {
@@ -43,16 +44,16 @@ size_t parse_pid_and_comm(std::string_view text, process_entry& entry) {
   return close + 1;
 }
 
-void store_field(int field, int64_t value, int64_t page_kb, process_entry& entry) {
+void store_field(int field, int64_t value, const stat_units& units, process_entry& entry) {
   switch (field) {
     case field_ppid:
       entry.ppid = static_cast<int32_t>(value);
       break;
     case field_utime:
-      entry.cpu_ticks = static_cast<uint64_t>(value);
+      entry.cpu_ns = static_cast<uint64_t>(value) * units.tick_ns;
       break;
     case field_stime:
-      entry.cpu_ticks += static_cast<uint64_t>(value);
+      entry.cpu_ns += static_cast<uint64_t>(value) * units.tick_ns;
       break;
     case field_priority:
       entry.priority = saturate(value);
@@ -64,7 +65,7 @@ void store_field(int field, int64_t value, int64_t page_kb, process_entry& entry
       entry.start_ticks = static_cast<uint64_t>(value);
       break;
     case field_rss:
-      entry.rss_kb = value * page_kb;
+      entry.rss_kb = static_cast<int64_t>(static_cast<uint64_t>(value) * units.page_kb);
       break;
     case field_processor:
       entry.processor = saturate(value);
@@ -83,7 +84,11 @@ bool is_wanted(int field) {
 
 }  // namespace
 
-int parse_process_stat(std::string_view text, int64_t page_kb, process_entry& entry) {
+stat_units::stat_units()
+    : page_kb(static_cast<uint64_t>(sysconf(_SC_PAGESIZE)) / 1024),
+      tick_ns(1000000000 / static_cast<uint64_t>(sysconf(_SC_CLK_TCK))) {}
+
+int parse_process_stat(std::string_view text, const stat_units& units, process_entry& entry) {
   const size_t rest = parse_pid_and_comm(text, entry);
   if (rest == 0 || text.size() < rest + 2) {
     return -EBADMSG;
@@ -102,7 +107,7 @@ int parse_process_stat(std::string_view text, int64_t page_kb, process_entry& en
       if (error != std::errc()) {
         return -EBADMSG;
       }
-      store_field(field, value, page_kb, entry);
+      store_field(field, value, units, entry);
       position = stop;
     } else {
       position = std::find(position, end, ' ');
@@ -125,6 +130,14 @@ uint64_t parse_io(std::string_view text) {
   }
   const bool known = read_bytes != unknown_u64 && write_bytes != unknown_u64;
   return known ? read_bytes + write_bytes : unknown_u64;
+}
+
+bool parse_schedstat(std::string_view text, uint64_t& run_ns, uint64_t& times_run) {
+  std::string_view line = take_line(text);
+  run_ns = to_u64(take_word(line));
+  const uint64_t waited_ns = to_u64(take_word(line));
+  times_run = to_u64(take_word(line));
+  return run_ns != unknown_u64 && waited_ns != unknown_u64 && times_run != unknown_u64;
 }
 
 uint64_t parse_uptime(std::string_view text, int64_t ticks_per_second) {

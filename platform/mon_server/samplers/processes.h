@@ -1,13 +1,11 @@
-// The processes, or all their threads: /proc/PID/stat and io.
+// The processes, or all their threads: what a sample holds of each, and the list made of two.
 #ifndef SAMPLERS_PROCESSES_H
 #define SAMPLERS_PROCESSES_H
 
 #include <cstdint>
-#include <string_view>
 #include <vector>
 
 #include "mon_records.h"
-#include "samplers/file_reader.h"
 
 namespace samplers {
 
@@ -18,46 +16,68 @@ constexpr int sort_by_io = 3;
 constexpr int sort_by_net = 4;
 constexpr int sort_by_ram = 5;
 
+// Counters start at 0 with the process, net_bytes and bpu_ns with the first sample that saw it. One
+// that cannot be read is unknown_u64.
 struct process_entry {
   int32_t pid = 0;     // in thread view the thread id
   int32_t ppid = 0;    // in thread view the process id
   char comm[16] = {};  // raw bytes, at most 15
   char state = '?';
-  int16_t priority = 0;      // saturated
-  int16_t processor = 0;     // saturated
-  int32_t num_threads = 0;   // of the process
-  uint64_t start_ticks = 0;  // since boot; tells a process from the pid's next owner
-  uint64_t cpu_ticks = 0;    // user and system time
-  // Read from and written to storage, unknown_u64 if refused. The kernel adds those of a child to
-  // its parent when the parent has waited for it; a thread's are its own.
+  int16_t priority = 0;        // saturated
+  int16_t processor = 0;       // saturated
+  int32_t num_threads = 0;     // of the process
+  uint32_t net_namespace = 0;  // inode number of its network namespace, 0 if unknown
+  uint64_t start_ticks = 0;    // since boot; tells a process from the pid's next owner
+  uint64_t cpu_ns = 0;         // user and system time
+  // Read from and written to storage. The kernel adds those of a child to its parent when the
+  // parent has waited for it; a thread's are its own.
   uint64_t io_bytes = unknown_u64;
+  uint64_t net_bytes = unknown_u64;  // received and sent over TCP, by the whole process
+  uint64_t bpu_ns = unknown_u64;     // time on accelerators, by the whole process
   int64_t rss_kb = 0;
 };
 
 struct process_sample {
   int64_t time_us = 0;                 // monotonic
-  uint64_t uptime_ticks = 0;           // time since boot, in the ticks of the entries
+  uint64_t uptime_ticks = 0;           // time since boot, in the ticks of start_ticks
   int64_t ticks_per_second = 100;      // USER_HZ
   bool threads = false;                // threads, not processes
   std::vector<process_entry> entries;  // by (pid, start_ticks), ascending
+
+  int32_t process_of(const process_entry& entry) const { return threads ? entry.ppid : entry.pid; }
 };
 
-// A line of /proc/PID/stat, all of it but io_bytes. -EBADMSG when it is cut short.
-int parse_process_stat(std::string_view text, int64_t page_kb, process_entry& entry);
+// The entry of a process or thread id, null if the sample has none.
+const process_entry* find_process(const process_sample& sample, int32_t pid);
 
-// Bytes read from and written to storage, of the text of /proc/PID/io.
-uint64_t parse_io(std::string_view text);
+// Makes process lists of samples. Keeps the memory that it works in.
+class process_ranking {
+ public:
+  // Fills `out` with the first max_pid_msgs by sort key, highest first, unknown last. Rates are
+  // over the time since `before`; without it, or when it is of the other view, over each process's
+  // life.
+  void top(const process_sample* before, const process_sample& now, int sort_key,
+           top_pid_info& out);
 
-// Seconds since boot, of the text of /proc/uptime, in ticks.
-uint64_t parse_uptime(std::string_view text, int64_t ticks_per_second);
+ private:
+  struct rated_process {
+    const process_entry* entry;
+    double cpu;  // percent of one CPU
+    double io;   // KiB/s
+    double net;  // KiB/s
+    double bpu;  // percent of one core
+    double key;  // the figure that is sorted by
+  };
+  struct interval;
 
-// A process that ends while it is read is left out.
-int read_process_sample(const file_reader& machine, bool threads, process_sample& sample);
+  static interval lifetime(const process_entry& entry, const process_sample& now);
+  static rated_process rate_over(const interval& over, const process_entry& entry, int sort_key);
+  static bool comes_first(const rated_process& a, const rated_process& b);
+  static pid_msg record(const rated_process& one);
+  void rate_all(const process_sample* before, const process_sample& now, int sort_key);
 
-// Fills `out` with the first max_pid_msgs by sort key, highest first, unknown last. Rates are over
-// the time since `before`; without it, or when it is of the other view, over each process's life.
-void top_processes(const process_sample* before, const process_sample& now, int sort_key,
-                   top_pid_info& out);
+  std::vector<rated_process> rated;
+};
 
 }  // namespace samplers
 

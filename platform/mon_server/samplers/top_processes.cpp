@@ -12,19 +12,9 @@ namespace {
 
 constexpr double unknown_rate = std::numeric_limits<double>::quiet_NaN();
 
-struct candidate {
-  const process_entry* entry;
-  double cpu;  // percent of one CPU
-  double io;   // KiB/s
-  double key;  // the figure that is sorted by
-};
-
-// Counters of a process at the start of the interval, and its length.
-struct interval {
-  uint64_t cpu_ticks = 0;
-  uint64_t io_bytes = 0;
-  double seconds = 0;
-};
+// A process's CPU time comes from /proc in clock ticks, each part cut to whole ones, or from the
+// kernel's own figure; where one follows the other it may seem to have stepped back by two ticks.
+constexpr uint64_t cpu_rounding_ns = 20000000;
 
 // Nothing runs for less time than none, and a counter that went down tells nothing.
 double rate(uint64_t before, uint64_t now, double seconds) {
@@ -34,33 +24,24 @@ double rate(uint64_t before, uint64_t now, double seconds) {
   return static_cast<double>(now - before) / seconds;
 }
 
-double key_of(const candidate& one, int sort_key) {
-  switch (sort_key) {
-    case sort_by_bpu:
-    case sort_by_net:
-      return unknown_rate;
-    case sort_by_io:
-      return one.io;
-    case sort_by_ram:
-      return static_cast<double>(one.entry->rss_kb);
-    default:
-      return one.cpu;
-  }
-}
+}  // namespace
 
-candidate measure(const process_entry& entry, const interval& over, int64_t ticks_per_second,
-                  int sort_key) {
-  candidate one{&entry, 0, 0, 0};
-  one.cpu = 100 * rate(over.cpu_ticks, entry.cpu_ticks, over.seconds) /
-            static_cast<double>(ticks_per_second);
-  one.io = rate(over.io_bytes, entry.io_bytes, over.seconds) / 1024;
-  one.key = key_of(one, sort_key);
-  return one;
-}
+// Counters of a process at the start of the interval, and its length.
+struct process_ranking::interval {
+  uint64_t cpu_ns = 0;
+  uint64_t io_bytes = 0;
+  uint64_t net_bytes = 0;
+  uint64_t bpu_ns = 0;
+  double seconds = 0;
+};
 
-// A process's life; it is 0 for one that started after the sample was begun.
-interval lifetime(const process_entry& entry, const process_sample& now) {
+// A process's life; it is 0 for one that started after the sample was begun. What went over the
+// network and to accelerators in all of it nobody knows.
+process_ranking::interval process_ranking::lifetime(const process_entry& entry,
+                                                    const process_sample& now) {
   interval life;
+  life.net_bytes = unknown_u64;
+  life.bpu_ns = unknown_u64;
   if (now.uptime_ticks > entry.start_ticks) {
     life.seconds = static_cast<double>(now.uptime_ticks - entry.start_ticks) /
                    static_cast<double>(now.ticks_per_second);
@@ -68,12 +49,40 @@ interval lifetime(const process_entry& entry, const process_sample& now) {
   return life;
 }
 
+process_ranking::rated_process process_ranking::rate_over(const interval& over,
+                                                          const process_entry& entry,
+                                                          int sort_key) {
+  rated_process one{};
+  one.entry = &entry;
+  const bool rounded = entry.cpu_ns < over.cpu_ns && over.cpu_ns - entry.cpu_ns <= cpu_rounding_ns;
+  one.cpu = rate(rounded ? entry.cpu_ns : over.cpu_ns, entry.cpu_ns, over.seconds) / 1e9 * 100;
+  one.io = rate(over.io_bytes, entry.io_bytes, over.seconds) / 1024;
+  one.net = rate(over.net_bytes, entry.net_bytes, over.seconds) / 1024;
+  one.bpu = rate(over.bpu_ns, entry.bpu_ns, over.seconds) / 1e9 * 100;
+  switch (sort_key) {
+    case sort_by_bpu:
+      one.key = one.bpu;
+      break;
+    case sort_by_io:
+      one.key = one.io;
+      break;
+    case sort_by_net:
+      one.key = one.net;
+      break;
+    case sort_by_ram:
+      one.key = static_cast<double>(entry.rss_kb);
+      break;
+    default:
+      one.key = one.cpu;
+  }
+  return one;
+}
+
 // Walks two samples in step; both are sorted by (pid, start_ticks). A pid with another start is
 // another process, and one that is new counts from 0.
-std::vector<candidate> measure_all(const process_sample* before, const process_sample& now,
-                                   int sort_key) {
-  std::vector<candidate> all;
-  all.reserve(now.entries.size());
+void process_ranking::rate_all(const process_sample* before, const process_sample& now,
+                               int sort_key) {
+  rated.clear();
   const bool comparable = before != nullptr && before->threads == now.threads;
   size_t position = 0;
   for (const process_entry& entry : now.entries) {
@@ -89,18 +98,17 @@ std::vector<candidate> measure_all(const process_sample* before, const process_s
       }
       if (position < old.size() &&
           std::tie(old[position].pid, old[position].start_ticks) == identity) {
-        over.cpu_ticks = old[position].cpu_ticks;
-        over.io_bytes = old[position].io_bytes;
+        const process_entry& start = old[position];
+        over = {start.cpu_ns, start.io_bytes, start.net_bytes, start.bpu_ns, 0};
       }
       over.seconds = static_cast<double>(now.time_us - before->time_us) / 1e6;
     }
-    all.push_back(measure(entry, over, now.ticks_per_second, sort_key));
+    rated.push_back(rate_over(over, entry, sort_key));
   }
-  return all;
 }
 
 // Highest first, unknown last; those that tie by CPU time, then by pid.
-bool comes_first(const candidate& a, const candidate& b) {
+bool process_ranking::comes_first(const rated_process& a, const rated_process& b) {
   const auto rank = [](double figure) {
     return std::isnan(figure) ? -std::numeric_limits<double>::infinity() : figure;
   };
@@ -108,8 +116,7 @@ bool comes_first(const candidate& a, const candidate& b) {
          std::make_tuple(-rank(b.key), -rank(b.cpu), b.entry->pid);
 }
 
-pid_msg record(const candidate& one) {
-  constexpr float unknown_figure = std::numeric_limits<float>::quiet_NaN();
+pid_msg process_ranking::record(const rated_process& one) {
   const process_entry& entry = *one.entry;
   pid_msg message{};
   message.pid = entry.pid;
@@ -120,23 +127,27 @@ pid_msg record(const candidate& one) {
   message.processor = entry.processor;
   message.io_per_second = static_cast<float>(one.io);
   message.process_usage = static_cast<float>(one.cpu);
-  message.net_band = unknown_figure;
-  message.bpu_usage = unknown_figure;
+  message.net_band = static_cast<float>(one.net);
+  message.bpu_usage = static_cast<float>(one.bpu);
   message.rss = entry.rss_kb;
   return message;
 }
 
-}  // namespace
-
-void top_processes(const process_sample* before, const process_sample& now, int sort_key,
-                   top_pid_info& out) {
-  std::vector<candidate> all = measure_all(before, now, sort_key);
-  const size_t listed = std::min<size_t>(all.size(), max_pid_msgs);
-  const auto end = all.begin() + static_cast<std::ptrdiff_t>(listed);
-  std::partial_sort(all.begin(), end, all.end(), comes_first);
+void process_ranking::top(const process_sample* before, const process_sample& now, int sort_key,
+                          top_pid_info& out) {
+  rate_all(before, now, sort_key);
+  const size_t listed = std::min<size_t>(rated.size(), max_pid_msgs);
+  const auto end = rated.begin() + static_cast<std::ptrdiff_t>(listed);
+  std::partial_sort(rated.begin(), end, rated.end(), comes_first);
   out.pid_num = static_cast<int32_t>(listed);
-  out.pid_total = static_cast<int32_t>(all.size());
-  std::transform(all.begin(), end, std::begin(out.send_pid_info), record);
+  out.pid_total = static_cast<int32_t>(rated.size());
+  std::transform(rated.begin(), end, std::begin(out.send_pid_info), record);
+}
+
+const process_entry* find_process(const process_sample& sample, int32_t pid) {
+  const auto below = [](const process_entry& entry, int32_t id) { return entry.pid < id; };
+  const auto entry = std::lower_bound(sample.entries.begin(), sample.entries.end(), pid, below);
+  return entry != sample.entries.end() && entry->pid == pid ? &*entry : nullptr;
 }
 
 }  // namespace samplers

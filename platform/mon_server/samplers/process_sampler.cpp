@@ -1,0 +1,116 @@
+#include "samplers/process_sampler.h"
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <tuple>
+#include <utility>
+
+#include "samplers/clock.h"
+
+namespace samplers {
+namespace {
+
+uint64_t read_uptime(const file_reader& machine, int64_t ticks_per_second) {
+  if (machine.own_machine) {
+    // The clock that start times are in; it counts on while the machine is suspended.
+    return static_cast<uint64_t>(clock_us(CLOCK_BOOTTIME) / (1000000 / ticks_per_second));
+  }
+  return parse_uptime(machine.read_line("proc/uptime"), ticks_per_second);
+}
+
+// A view that nobody has asked for so long gives its descriptors back.
+constexpr int64_t unused_us = 60 * 1000000LL;
+
+bool by_pid_and_start(const process_entry& a, const process_entry& b) {
+  return std::tie(a.pid, a.start_ticks) < std::tie(b.pid, b.start_ticks);
+}
+
+void sort_entries(process_sample& sample) {
+  if (!std::is_sorted(sample.entries.begin(), sample.entries.end(), by_pid_and_start)) {
+    std::sort(sample.entries.begin(), sample.entries.end(), by_pid_and_start);
+  }
+}
+
+}  // namespace
+
+process_sampler::process_sampler(std::shared_ptr<const file_reader> machine,
+                                 const process_sampler_options& sampler_options)
+    : reader(std::move(machine)), options(sampler_options) {}
+
+int process_sampler::read(bool threads, process_sample& sample) {
+  sample.ticks_per_second = sysconf(_SC_CLK_TCK);
+  sample.threads = threads;
+  sample.time_us = monotonic_us();
+  sample.uptime_ticks = read_uptime(*reader, sample.ticks_per_second);
+  const int result = read_entries(sample);
+  sort_entries(sample);
+  net.add_to(*reader, sample);
+  bpu.add_to(*reader, sample);
+  return result;
+}
+
+int process_sampler::read_entries(process_sample& sample) {
+  if (!std::exchange(iterator_tried, true) && options.use_bpf && reader->own_machine) {
+    iterator = std::make_unique<task_iterator>();
+    if (iterator->open() != 0) {
+      iterator.reset();
+    }
+  }
+  return iterator ? read_tasks(sample) : read_files(sample);
+}
+
+int process_sampler::read_tasks(process_sample& sample) {
+  const int result = iterator->read(tasks);
+  if (result != 0) {
+    return result;
+  }
+  process_files& files = sample.threads ? thread_reader : process_reader;
+  if (sample.threads) {
+    entries_of_tasks.make_threads(tasks, sample.entries);
+  } else {
+    entries_of_tasks.make_processes(tasks, sample.entries);
+  }
+  sort_entries(sample);
+  const int listing = files.list(*reader, listed);
+  if (listing != 0) {
+    return listing;
+  }
+  // Those that the program did not see: the torn ones, those that have come since, and those that a
+  // security module keeps from it.
+  const auto seen = [&](int32_t pid) { return find_process(sample, pid) != nullptr; };
+  listed.erase(std::remove_if(listed.begin(), listed.end(), seen), listed.end());
+  return files.read_some(*reader, listed, sample.entries);
+}
+
+// Two clients may look at one view each: the files of both are kept then, within one bound.
+int process_sampler::read_files(process_sample& sample) {
+  process_files& shown = sample.threads ? thread_reader : process_reader;
+  process_files& other = sample.threads ? process_reader : thread_reader;
+  int64_t& shown_us = sample.threads ? threads_read_us : processes_read_us;
+  const int64_t other_us = sample.threads ? processes_read_us : threads_read_us;
+  if (sample.time_us - other_us > unused_us) {
+    other.release();
+  }
+  shown_us = sample.time_us;
+  const size_t most = most_kept();
+  return shown.read(*reader, most - std::min(most, other.kept_open()), sample.entries);
+}
+
+// Half of the descriptors that this process may have are for clients, counters and the rest.
+size_t process_sampler::most_kept() const {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+    return 0;
+  }
+  return std::min<size_t>(options.keep_files, limit.rlim_cur / 2);
+}
+
+void process_sampler::release() {
+  process_reader.release();
+  thread_reader.release();
+}
+
+}  // namespace samplers

@@ -1,0 +1,59 @@
+// Samples of all processes or all threads, taken in the cheapest way that this machine allows.
+#ifndef SAMPLERS_PROCESS_SAMPLER_H
+#define SAMPLERS_PROCESS_SAMPLER_H
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "samplers/file_reader.h"
+#include "samplers/process_bpu.h"
+#include "samplers/process_files.h"
+#include "samplers/process_net.h"
+#include "samplers/processes.h"
+#include "samplers/task_iterator.h"
+
+namespace samplers {
+
+struct process_sampler_options {
+  size_t keep_files = 4096;  // descriptors of /proc files that stay open at most
+  bool use_bpf = true;
+};
+
+class process_sampler {
+ public:
+  process_sampler(std::shared_ptr<const file_reader> machine,
+                  const process_sampler_options& options);
+
+  // Takes a sample of the processes, or of all threads. 0 or a negative errno; what has been read
+  // until then is in the sample.
+  int read(bool threads, process_sample& sample);
+
+  // Closes what is kept open from sample to sample, for when nobody asks for samples.
+  void release();
+
+ private:
+  int read_entries(process_sample& sample);
+  int read_tasks(process_sample& sample);
+  int read_files(process_sample& sample);
+  size_t most_kept() const;
+
+  const std::shared_ptr<const file_reader> reader;
+  const process_sampler_options options;
+  process_files process_reader{false};
+  process_files thread_reader{true};
+  int64_t processes_read_us = 0;  // when the files of each view were last read
+  int64_t threads_read_us = 0;
+  bool iterator_tried = false;
+  std::unique_ptr<task_iterator> iterator;  // null: not to be had
+  task_entries entries_of_tasks;
+  std::vector<task_record> tasks;
+  std::vector<int32_t> listed;  // processes of /proc
+  process_net net;
+  process_bpu bpu;
+};
+
+}  // namespace samplers
+
+#endif

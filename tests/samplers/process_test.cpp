@@ -1,0 +1,417 @@
+// Processes and threads: their files, their figures from each source, and the lists made of them.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <memory>
+#include <thread>
+
+#include "sampler_test.h"
+#include "samplers/process_bpu.h"
+#include "samplers/process_sampler.h"
+#include "samplers/process_stat.h"
+#include "samplers/processes.h"
+
+namespace samplers {
+namespace {
+
+// A line with ppid 7, 30 + 12 ticks, priority -51, 3 threads, start 900, 25 pages, CPU 5.
+std::string stat_line(const std::string& comm) {
+  return "12 (" + comm +
+         ") S 7 12 12 0 -1 4194560 1 0 0 0 30 12 0 0 -51 0 3 0 900 8388608 25 "
+         "18446744073709551615 1 1 0 0 0 0 0 4096 0 0 0 -1 17 5 0 0 0 0 0\n";
+}
+
+constexpr uint64_t tick_ns = 10000000;
+
+process_entry entry_of(int32_t pid, uint64_t start, uint64_t cpu_ticks, uint64_t io = unknown_u64) {
+  process_entry entry;
+  entry.pid = pid;
+  entry.start_ticks = start;
+  entry.cpu_ns = cpu_ticks * tick_ns;
+  entry.io_bytes = io;
+  return entry;
+}
+
+process_sampler sampler_of(const std::string& root, const process_sampler_options& options = {}) {
+  return process_sampler(std::make_shared<const file_reader>(root), options);
+}
+
+process_sample sample_of(int64_t time_us, std::vector<process_entry> entries) {
+  process_sample sample;
+  sample.time_us = time_us;
+  sample.entries = std::move(entries);
+  return sample;
+}
+
+std::vector<pid_msg> top(const process_sample* before, const process_sample& now, int sort_key) {
+  top_pid_info info;
+  process_ranking().top(before, now, sort_key, info);
+  EXPECT_EQ(static_cast<size_t>(info.pid_total), now.entries.size());
+  return {info.send_pid_info, info.send_pid_info + info.pid_num};
+}
+
+std::string pid(const pid_msg& one) {
+  return row(one.pid);
+}
+
+std::string pid_and_rates(const pid_msg& one) {
+  return row(one.pid, one.process_usage, one.io_per_second, one.net_band);
+}
+
+TEST(process_stat, names_may_hold_anything) {
+  for (const std::string comm :
+       {"a b", "(sd-pam)", ") R 1 1 (", "x) R 1 1", "new\nline", "", "kworker/u8:1-events_unb"}) {
+    process_entry entry;
+    ASSERT_EQ(parse_process_stat(stat_line(comm), stat_units(), entry), 0) << comm;
+    EXPECT_EQ(row(entry.pid, entry.comm, entry.state, entry.ppid, entry.cpu_ns / tick_ns,
+                  entry.priority, entry.start_ticks, entry.rss_kb, entry.processor),
+              "12 " + comm.substr(0, 15) + " S 7 42 -51 900 100 5\n");
+  }
+}
+
+// Wherever a line ends too early, also within a name that looks like the rest of it.
+TEST(process_stat, cut_lines_are_refused) {
+  const std::string line = stat_line("x) R 1 1");
+  for (size_t length = 0; length <= line.rfind(" 5 0 0"); ++length) {
+    process_entry entry;
+    EXPECT_EQ(parse_process_stat(line.substr(0, length), stat_units(), entry), -EBADMSG) << length;
+  }
+}
+
+TEST(read_processes, processes_and_threads) {
+  const auto show = [](const process_entry& one) {
+    return row(one.pid, one.ppid, one.comm, one.cpu_ns / tick_ns, one.io_bytes);
+  };
+  process_sample sample;
+  ASSERT_EQ(sampler_of(ZORVA_FIXTURES "/cpu64").read(false, sample), 0);
+  EXPECT_EQ(rows(sample.entries, show),
+            "1 0 init 500 1572864\n42 2 rcu) R 1 1 9000 0\n300 1 camera srv 1800 12288\n");
+  EXPECT_EQ(sample.uptime_ticks, 1000U * static_cast<uint64_t>(sample.ticks_per_second));
+  EXPECT_EQ(sample.entries.at(2).rss_kb, 30000 * (sysconf(_SC_PAGESIZE) / 1024));
+  // In place of the parent the process that a thread belongs to.
+  ASSERT_EQ(sampler_of(ZORVA_FIXTURES "/cpu64").read(true, sample), 0);
+  EXPECT_EQ(rows(sample.entries, show),
+            "1 1 init 500 1572864\n42 42 rcu) R 1 1 9000 0\n300 300 camera srv 1000 4096\n"
+            "301 300 isp 500 8192\n305 300 enc (h265) 100 0\n");
+}
+
+TEST(read_processes, those_that_vanish_are_left_out_and_refused_io_is_unknown) {
+  const temporary_folder tree;
+  tree.write("proc/uptime", "10.00 1.00\n");
+  tree.write("proc/12/stat", stat_line("left"));
+  tree.write("proc/13/cmdline", "gone");
+  tree.write("proc/14/stat", "14 (cut) S 1");
+  process_sample sample;
+  ASSERT_EQ(sampler_of(tree.path).read(false, sample), 0);
+  EXPECT_EQ(rows(sample.entries, [](const auto& one) { return row(one.comm, one.io_bytes); }),
+            "left -\n");
+  EXPECT_EQ(parse_io("rchar: 9\nread_bytes: 4096\ncancelled_write_bytes: 7\n"), unknown_u64);
+}
+
+TEST(top_processes, rates_between_samples) {
+  const process_sample before =
+      sample_of(1000000, {entry_of(10, 5, 100, 1024), entry_of(11, 5, 900),
+                          entry_of(12, 5, 500, 9000), entry_of(15, 5, 7)});
+  const process_sample now =
+      sample_of(3000000, {entry_of(10, 5, 200, 5120),    // 100 ticks in 2 s: 50 %, 4 KiB in 2 s
+                          entry_of(11, 77, 20),          // the pid's next owner: 20 ticks in 2 s
+                          entry_of(12, 5, 480, 11048),   // CPU time went back
+                          entry_of(13, 99, 60, 2048)});  // new
+  EXPECT_EQ(rows(top(&before, now, sort_by_cpu), pid_and_rates),
+            "10 50 2 -\n13 30 1 -\n11 10 - -\n12 - 1 -\n");
+}
+
+TEST(top_processes, without_a_sample_of_the_same_view_over_their_lives) {
+  process_sample now = sample_of(3000000, {entry_of(10, 600, 100), entry_of(11, 1000, 5)});
+  now.uptime_ticks = 1000;
+  process_sample other_view = sample_of(1000000, {entry_of(10, 600, 90)});
+  other_view.threads = true;
+  const std::string lives = "10 25 - -\n11 - - -\n";  // 100 of 400 ticks
+  EXPECT_EQ(rows(top(nullptr, now, sort_by_cpu), pid_and_rates), lives);
+  EXPECT_EQ(rows(top(&other_view, now, sort_by_cpu), pid_and_rates), lives);
+  EXPECT_EQ(rows(top(&now, now, sort_by_cpu), pid_and_rates), "10 - - -\n11 - - -\n");
+}
+
+TEST(top_processes, order_of_each_key) {
+  const process_sample before = sample_of(0, {});
+  process_sample now = sample_of(1000000, {entry_of(1, 1, 10), entry_of(2, 1, 30, 100),
+                                           entry_of(3, 1, 30, 900), entry_of(4, 1, 50, 100)});
+  now.entries[0].rss_kb = 20000001;
+  now.entries[1].rss_kb = 20000002;
+  EXPECT_EQ(rows(top(&before, now, sort_by_io), pid), "3\n4\n2\n1\n");
+  EXPECT_EQ(rows(top(&before, now, sort_by_ram), pid), "2\n1\n4\n3\n");
+  for (const int by_cpu : {sort_by_cpu, sort_by_bpu, sort_by_net, 99, -1}) {
+    EXPECT_EQ(rows(top(&before, now, by_cpu), pid), "4\n2\n3\n1\n") << by_cpu;
+  }
+  // More than an answer holds.
+  for (int32_t more = 5; more <= 300; ++more) {
+    now.entries.push_back(entry_of(more, 1, static_cast<uint64_t>(more) + 50));
+  }
+  const std::vector<pid_msg> most = top(&before, now, sort_by_cpu);
+  ASSERT_EQ(most.size(), 146U);
+  EXPECT_EQ(most.back().pid, 155);
+}
+
+// A child that ends with its `function`, or when this goes.
+class child {
+ public:
+  template <class function>
+  explicit child(function run) : pid(fork()) {
+    if (pid == 0) {
+      run();
+      _exit(0);
+    }
+  }
+  ~child() {
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+  }
+  const pid_t pid;
+};
+
+void pause_for_ever() {
+  for (;;) {
+    pause();
+  }
+}
+
+// Burns CPU time until somebody stops it.
+void run_for_ever() {
+  for (volatile int i = 0;; i = i + 1) {
+  }
+}
+
+size_t open_descriptors() {
+  std::vector<std::string> names;
+  file_reader("/").list("proc/self/fd", names);
+  return names.size();
+}
+
+const process_entry& entry_in(const process_sample& sample, int32_t id) {
+  static const process_entry none;
+  const process_entry* found = find_process(sample, id);
+  EXPECT_NE(found, nullptr) << id;
+  return found == nullptr ? none : *found;
+}
+
+// The BPF program (where the kernel and the rights allow it), kept files and files opened each time
+// must tell the same of the same processes.
+TEST(process_sources, agree) {
+  std::atomic<bool> stop{false};
+  std::thread other([&] {
+    while (!stop) {
+      usleep(1000);
+    }
+  });
+  const child idle(pause_for_ever);
+  const child busy(run_for_ever);
+  for (const bool threads : {false, true}) {
+    process_sampler from_bpf = sampler_of("/");
+    process_sampler from_kept = sampler_of("/", {4096, false});
+    process_sampler from_opened = sampler_of("/", {0, false});
+    process_sample first;
+    process_sample again;
+    process_sample opened;
+    process_sample kernel;
+    ASSERT_EQ(from_kept.read(threads, first), 0);
+    usleep(300000);
+    ASSERT_EQ(from_bpf.read(threads, kernel), 0);
+    ASSERT_EQ(from_kept.read(threads, again), 0);
+    ASSERT_EQ(from_opened.read(threads, opened), 0);
+    const auto fixed = [&](const process_sample& sample, int32_t id) {
+      const process_entry& one = entry_in(sample, id);
+      return row(one.pid, one.ppid, one.comm, one.priority, one.num_threads, one.start_ticks,
+                 one.net_namespace, one.net_bytes);
+    };
+    for (const int32_t id : {getpid(), idle.pid, busy.pid, 1}) {
+      EXPECT_EQ(fixed(kernel, id), fixed(opened, id));
+      EXPECT_EQ(fixed(again, id), fixed(opened, id));
+      EXPECT_EQ(entry_in(again, id).io_bytes, entry_in(opened, id).io_bytes) << id;
+      EXPECT_EQ(entry_in(kernel, id).io_bytes, entry_in(opened, id).io_bytes) << id;
+      EXPECT_NEAR(static_cast<double>(entry_in(kernel, id).cpu_ns),
+                  static_cast<double>(entry_in(opened, id).cpu_ns), 1e8)
+          << id;
+    }
+    EXPECT_EQ(entry_in(kernel, idle.pid).rss_kb, entry_in(opened, idle.pid).rss_kb);
+    EXPECT_EQ(entry_in(kernel, idle.pid).state, 'S');
+    EXPECT_EQ(entry_in(again, busy.pid).state, 'R');
+    // The scheduler was asked whether it ran, and it did.
+    EXPECT_GT(entry_in(again, busy.pid).cpu_ns, entry_in(first, busy.pid).cpu_ns);
+  }
+  stop = true;
+  other.join();
+}
+
+task_record task_of(int32_t pid, int32_t process, uint64_t run_ns) {
+  task_record task{};
+  task.pid = pid;
+  task.tgid = process;
+  task.nr_threads = 1;
+  task.sum_exec_runtime = run_ns;
+  return task;
+}
+
+// A thread that ends in the midst of a pass would take the time of its life out of the sum.
+TEST(process_sources, processes_whose_threads_change_are_read_again) {
+  std::vector<task_record> tasks{task_of(10, 10, 5), task_of(20, 20, 100), task_of(21, 20, 900),
+                                 task_of(30, 30, 7), task_of(31, 30, 8),   task_of(99, 98, 1)};
+  tasks[1].nr_threads = tasks[2].nr_threads = 3;  // one was not seen
+  tasks[3].nr_threads = tasks[4].nr_threads = 2;
+  tasks[3].gone_exec_runtime = tasks[4].gone_exec_runtime = 1000;
+  task_entries maker;
+  std::vector<process_entry> entries;
+  const auto show = [](const process_entry& one) { return row(one.pid, one.cpu_ns); };
+  maker.make_processes(tasks, entries);
+  EXPECT_EQ(rows(entries, show), "10 5\n30 1015\n");
+  tasks[4].gone_exec_runtime = 1001;  // one ended between the two records
+  maker.make_processes(tasks, entries);
+  EXPECT_EQ(rows(entries, show), "10 5\n");
+  maker.make_threads(tasks, entries);
+  EXPECT_EQ(rows(entries, show), "10 5\n20 100\n21 900\n30 7\n31 8\n99 1\n");
+}
+
+TEST(process_files, kept_descriptors_are_bounded_and_given_back) {
+  process_sampler sampler = sampler_of("/", {8, false});
+  process_sample sample;
+  const size_t before = open_descriptors();
+  for (int turn = 0; turn < 3; ++turn) {
+    // They come and go while kept files of others stay.
+    std::vector<std::unique_ptr<child>> children;
+    for (int i = 0; i < 20; ++i) {
+      children.push_back(std::make_unique<child>(pause_for_ever));
+    }
+    ASSERT_EQ(sampler.read(false, sample), 0);
+    for (const auto& one : children) {
+      EXPECT_NE(find_process(sample, one->pid), nullptr);
+    }
+    ASSERT_EQ(sampler.read(true, sample), 0);
+    EXPECT_LE(open_descriptors(), before + 8 + 3);  // and /proc, twice, and netlink
+  }
+  ASSERT_EQ(sampler.read(false, sample), 0);
+  EXPECT_TRUE(std::none_of(sample.entries.begin(), sample.entries.end(), [](const auto& one) {
+    return one.ppid == getpid() && one.state != 'Z';
+  }));
+  sampler.release();
+  EXPECT_LE(open_descriptors(), before + 1);
+}
+
+// A connection over loopback: `near` is this process's end.
+struct tcp_pair {
+  tcp_pair() {
+    const file_descriptor listener(socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    auto* const place = reinterpret_cast<sockaddr*>(&address);
+    EXPECT_EQ(bind(listener.get(), place, length), 0);
+    EXPECT_EQ(listen(listener.get(), 1), 0);
+    EXPECT_EQ(getsockname(listener.get(), place, &length), 0);
+    near = file_descriptor(socket(AF_INET, SOCK_STREAM, 0));
+    EXPECT_EQ(connect(near.get(), place, length), 0);
+    far = file_descriptor(accept(listener.get(), nullptr, nullptr));
+  }
+  void transfer(size_t bytes) const {
+    std::string block(10000, 'x');
+    for (size_t sent = 0; sent < bytes; sent += block.size()) {
+      ASSERT_EQ(send(near.get(), block.data(), block.size(), 0), 10000);
+      ASSERT_EQ(recv(far.get(), block.data(), block.size(), MSG_WAITALL), 10000);
+    }
+  }
+  file_descriptor near, far;
+};
+
+// Bytes of sockets that were there before the first sample are nobody's; later ones go to whoever
+// has the socket, also when it was handed on to a child.
+TEST(process_net, bytes_go_to_the_process_that_has_the_socket) {
+  process_sampler sampler = sampler_of("/");
+  process_sample sample;
+  const auto own_bytes = [&] {
+    EXPECT_EQ(sampler.read(false, sample), 0);
+    return entry_in(sample, getpid()).net_bytes;
+  };
+  const tcp_pair old_pair;
+  old_pair.transfer(50000);
+  if (own_bytes() == unknown_u64) {
+    GTEST_SKIP() << "no tcp_diag";
+  }
+  EXPECT_LT(own_bytes(), 1000U);
+  old_pair.transfer(100000);
+  tcp_pair new_pair;
+  new_pair.transfer(30000);
+  // Both ends are this process's: each byte counts as sent and as received.
+  const uint64_t both = own_bytes();
+  EXPECT_GE(both, 260000U);
+  EXPECT_LT(both, 261000U);
+  int go[2];
+  ASSERT_EQ(pipe(go), 0);
+  const child heir([&] {
+    char byte = 0;
+    EXPECT_EQ(read(go[0], &byte, 1), 1);
+    new_pair.transfer(70000);
+    pause_for_ever();
+  });
+  new_pair = tcp_pair();
+  ASSERT_EQ(write(go[1], "g", 1), 1);
+  for (int turn = 0; turn < 100 && own_bytes() < 1; ++turn) {
+  }
+  uint64_t heirs = 0;
+  for (int turn = 0; turn < 500 && heirs < 140000; ++turn) {
+    usleep(10000);
+    own_bytes();
+    heirs = entry_in(sample, heir.pid).net_bytes;
+  }
+  EXPECT_GE(heirs, 140000U);
+  EXPECT_LT(own_bytes(), 262000U);
+}
+
+std::string drm_text(const std::string& id, uint64_t npu_ns) {
+  return "pos:\t0\nflags:\t02\ndrm-driver:\tnpu\ndrm-pdev:\t0000:01:00.0\ndrm-client-id:\t" + id +
+         "\ndrm-engine-capacity-npu:\t2\ndrm-engine-npu:\t" + std::to_string(npu_ns) +
+         " ns\ndrm-engine-copy:\t1000 ns\ndrm-cycles-npu:\t99\n";
+}
+
+TEST(process_bpu, time_on_accelerators) {
+  drm_usage usage;
+  ASSERT_TRUE(parse_drm_usage(drm_text("7", 4000), usage));
+  EXPECT_EQ(row(usage.client, usage.busy_ns), "0000:01:00.0 7 3000\n");
+  EXPECT_FALSE(parse_drm_usage("pos:\t0\nflags:\t02\n", usage));
+  EXPECT_FALSE(parse_drm_usage("drm-client-id:\t7\ndrm-engine-npu:\t12 cycles\n", usage));
+
+  const temporary_folder tree;
+  tree.write("proc/uptime", "10.00 1.00\n");
+  for (const std::string process : {"12", "13"}) {
+    tree.write("proc/" + process + "/stat", process + stat_line("npu user").substr(2));
+    tree.write("proc/" + process + "/fdinfo/4", drm_text("1", 8000000));
+    tree.link("proc/" + process + "/fd/4", "/dev/accel/accel0");
+  }
+  process_sampler sampler = sampler_of(tree.path);
+  process_sample sample;
+  const auto show = [&] {
+    EXPECT_EQ(sampler.read(false, sample), 0);
+    return rows(sample.entries, [](const process_entry& one) { return row(one.pid, one.bpu_ns); });
+  };
+  EXPECT_EQ(show(), "12 -\n13 -\n");  // no accelerator
+  tree.write("dev/accel/accel0", "");
+  EXPECT_EQ(show(), "12 0\n13 0\n");
+  // Both share one open file, and 13 opens another.
+  tree.write("proc/12/fdinfo/4", drm_text("1", 9000000));
+  tree.write("proc/13/fdinfo/4", drm_text("1", 9000000));
+  tree.write("proc/13/fdinfo/5", drm_text("2", 4000000));
+  tree.link("proc/13/fd/5", "/dev/dri/renderD128");
+  EXPECT_EQ(show(), "12 500000\n13 2001000\n");
+  tree.write("proc/12/fdinfo/4", drm_text("1", 5000));  // stepped back
+  tree.write("proc/13/fdinfo/4", "");
+  EXPECT_EQ(show(), "12 500000\n13 2001000\n");
+}
+
+}  // namespace
+}  // namespace samplers
