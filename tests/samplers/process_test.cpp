@@ -267,13 +267,14 @@ TEST(process_sources, processes_whose_threads_change_are_read_again) {
   tasks[3].nr_threads = tasks[4].nr_threads = 2;
   tasks[3].gone_exec_runtime = tasks[4].gone_exec_runtime = 1000;
   task_entries maker;
+  std::vector<int32_t> torn;
   std::vector<process_entry> entries;
   const auto show = [](const process_entry& one) { return row(one.pid, one.cpu_ns); };
-  maker.make_processes(tasks, entries);
+  maker.make_processes(tasks, entries, torn);
   EXPECT_EQ(rows(entries, show), "10 5\n30 1015\n");
   tasks[4].gone_exec_runtime = 1001;  // one ended between the two records
-  maker.make_processes(tasks, entries);
-  EXPECT_EQ(rows(entries, show), "10 5\n");
+  maker.make_processes(tasks, entries, torn);
+  EXPECT_EQ(torn, (std::vector<int32_t>{20, 20, 30}));
   maker.make_threads(tasks, entries);
   EXPECT_EQ(rows(entries, show), "10 5\n20 100\n21 900\n30 7\n31 8\n99 1\n");
 }

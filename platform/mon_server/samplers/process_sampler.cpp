@@ -24,6 +24,9 @@ uint64_t read_uptime(const file_reader& machine, int64_t ticks_per_second) {
 // A view that nobody has asked for so long gives its descriptors back.
 constexpr int64_t unused_us = 60 * 1000000LL;
 
+// Samples of the program between two listings of /proc.
+constexpr uint32_t list_turns = 16;
+
 bool by_pid_and_start(const process_entry& a, const process_entry& b) {
   return std::tie(a.pid, a.start_ticks) < std::tie(b.pid, b.start_ticks);
 }
@@ -68,21 +71,28 @@ int process_sampler::read_tasks(process_sample& sample) {
     return result;
   }
   process_files& files = sample.threads ? thread_reader : process_reader;
+  left_out.clear();
   if (sample.threads) {
     entries_of_tasks.make_threads(tasks, sample.entries);
   } else {
-    entries_of_tasks.make_processes(tasks, sample.entries);
+    entries_of_tasks.make_processes(tasks, sample.entries, left_out);
   }
   sort_entries(sample);
-  const int listing = files.list(*reader, listed);
-  if (listing != 0) {
-    return listing;
-  }
-  // Those that the program did not see: the torn ones, those that have come since, and those that a
-  // security module keeps from it.
+  find_hidden(files, sample);
+  left_out.insert(left_out.end(), hidden.begin(), hidden.end());
+  std::sort(left_out.begin(), left_out.end());
+  left_out.erase(std::unique(left_out.begin(), left_out.end()), left_out.end());
+  return files.read_some(*reader, left_out, sample.entries);
+}
+
+// A security module may keep processes from the program that /proc shows. Listing /proc takes
+// longer than the program does, so it is done every now and then.
+void process_sampler::find_hidden(process_files& files, const process_sample& sample) {
   const auto seen = [&](int32_t pid) { return find_process(sample, pid) != nullptr; };
-  listed.erase(std::remove_if(listed.begin(), listed.end(), seen), listed.end());
-  return files.read_some(*reader, listed, sample.entries);
+  if (tasks_turn++ % list_turns == 0 && files.list(*reader, hidden) != 0) {
+    hidden.clear();
+  }
+  hidden.erase(std::remove_if(hidden.begin(), hidden.end(), seen), hidden.end());
 }
 
 // Two clients may look at one view each: the files of both are kept then, within one bound.

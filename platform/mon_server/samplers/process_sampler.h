@@ -36,6 +36,7 @@ class process_sampler {
  private:
   int read_entries(process_sample& sample);
   int read_tasks(process_sample& sample);
+  void find_hidden(process_files& files, const process_sample& sample);
   int read_files(process_sample& sample);
   size_t most_kept() const;
 
@@ -49,7 +50,9 @@ class process_sampler {
   std::unique_ptr<task_iterator> iterator;  // null: not to be had
   task_entries entries_of_tasks;
   std::vector<task_record> tasks;
-  std::vector<int32_t> listed;  // processes of /proc
+  uint32_t tasks_turn = 0;        // counts samples of the iterator
+  std::vector<int32_t> hidden;    // processes that it does not see
+  std::vector<int32_t> left_out;  // those, and the ones that it has no consistent figures of
   process_net net;
   process_bpu bpu;
 };

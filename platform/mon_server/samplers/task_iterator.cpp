@@ -380,7 +380,7 @@ void task_entries::make_threads(const std::vector<task_record>& tasks,
 }
 
 void task_entries::make_processes(const std::vector<task_record>& tasks,
-                                  std::vector<process_entry>& entries) {
+                                  std::vector<process_entry>& entries, std::vector<int32_t>& torn) {
   entries.clear();
   sums.clear();
   for (const task_record& task : tasks) {
@@ -396,7 +396,7 @@ void task_entries::make_processes(const std::vector<task_record>& tasks,
       add_thread(task, entries);
     }
   }
-  leave_out_torn(entries);
+  leave_out_torn(entries, torn);
 }
 
 void task_entries::add_thread(const task_record& task, std::vector<process_entry>& entries) {
@@ -413,12 +413,15 @@ void task_entries::add_thread(const task_record& task, std::vector<process_entry
                    task.gone_exec_runtime == sum.first->gone_exec_runtime;
 }
 
-void task_entries::leave_out_torn(std::vector<process_entry>& entries) const {
+void task_entries::leave_out_torn(std::vector<process_entry>& entries,
+                                  std::vector<int32_t>& torn) const {
   size_t left = 0;
   for (size_t i = 0; i < entries.size(); ++i) {
     if (sums[i].consistent && sums[i].threads == sums[i].first->nr_threads) {
       entries[left] = entries[i];
       ++left;
+    } else {
+      torn.push_back(entries[i].pid);
     }
   }
   entries.resize(left);

@@ -60,8 +60,9 @@ class task_entries {
                     std::vector<process_entry>& entries) const;
 
   // A process's figures are sums over its threads. One whose threads came or went while the records
-  // were written has no consistent sum, and is left out.
-  void make_processes(const std::vector<task_record>& tasks, std::vector<process_entry>& entries);
+  // were written has no consistent sum: it is left out, and its id added to `torn`.
+  void make_processes(const std::vector<task_record>& tasks, std::vector<process_entry>& entries,
+                      std::vector<int32_t>& torn);
 
  private:
   struct process_sum {
@@ -71,7 +72,7 @@ class task_entries {
   };
 
   void add_thread(const task_record& task, std::vector<process_entry>& entries);
-  void leave_out_torn(std::vector<process_entry>& entries) const;
+  void leave_out_torn(std::vector<process_entry>& entries, std::vector<int32_t>& torn) const;
 
   const stat_units units;
   std::vector<process_sum> sums;  // of the entries, in their order
