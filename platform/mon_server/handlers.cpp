@@ -46,7 +46,7 @@ template <class sample, class reader, class rates>
 answer answer_rates(snapshot_source<sample>& source, rate_interval<sample>& interval, reader read,
                     rates rates_of) {
   int error = 0;
-  auto newest = source.newest(read, error);
+  auto newest = source.newest(interval.young_us(), read, error);
   if (!newest) {
     return status_only(error);
   }
@@ -84,15 +84,16 @@ answer process_answer(const std::vector<uint8_t>& payload, session_state& state,
   std::memcpy(&mode, payload.data(), sizeof mode);
   const int sort_key = mode & 0xff;
   const bool threads = (mode & 0xff00) == 0xff00;
-  int error = 0;
+  auto& interval = threads ? state.threads : state.processes;
+  const int64_t young_us = interval.young_us();
   const auto read = [&](samplers::process_sample& sample) {
-    return figures.process_sampler.read(threads, sample);
+    return figures.process_sampler.read(threads, 2 * young_us, sample);
   };
-  auto newest = (threads ? figures.threads : figures.processes).newest(read, error);
+  int error = 0;
+  auto newest = (threads ? figures.threads : figures.processes).newest(young_us, read, error);
   if (!newest) {
     return status_only(error);
   }
-  auto& interval = threads ? state.threads : state.processes;
   interval.advance(std::move(newest));
   top_pid_info list{};
   figures.process_ranking.top(interval.before.get(), *interval.now, sort_key, list);

@@ -18,12 +18,9 @@ template <class sample>
 class snapshot_source {
  public:
   // The newest sample: one that `take` (sample& -> 0 or a negative errno) takes now, or the last
-  // one while it is young enough to stand for now. Null, and the error, when taking one fails.
+  // one if it is younger than `young_us`. Null, and the error, when taking one fails.
   template <class function>
-  std::shared_ptr<const sample> newest(function take, int& error) {
-    // Ten clients that ask within a tenth of a second cost one sampling; a tenth of a second is
-    // also ten clock ticks, below which CPU shares would be mostly rounding.
-    constexpr int64_t young_us = 100000;
+  std::shared_ptr<const sample> newest(int64_t young_us, function take, int& error) {
     error = 0;
     if (last && samplers::monotonic_us() - last->time_us < young_us) {
       return last;
@@ -73,6 +70,16 @@ struct rate_interval {
   void reset() {
     before.reset();
     now.reset();
+  }
+
+  // How old a sample may be to end the interval: a quarter of the client's cycle. Ten clients then
+  // cost little more than one, and rates stay true, since they are over the time between samples. A
+  // tenth of a second is ten clock ticks, below which CPU shares would be mostly rounding.
+  int64_t young_us() const {
+    constexpr int64_t shortest_us = 100000;
+    constexpr int64_t longest_us = 250000;
+    const int64_t cycle_us = now ? samplers::monotonic_us() - now->time_us : 0;
+    return std::clamp(cycle_us / 4, shortest_us, longest_us);
   }
 };
 

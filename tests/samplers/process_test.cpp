@@ -91,13 +91,13 @@ TEST(read_processes, processes_and_threads) {
     return row(one.pid, one.ppid, one.comm, one.cpu_ns / tick_ns, one.io_bytes);
   };
   process_sample sample;
-  ASSERT_EQ(sampler_of(ZORVA_FIXTURES "/cpu64").read(false, sample), 0);
+  ASSERT_EQ(sampler_of(ZORVA_FIXTURES "/cpu64").read(false, 0, sample), 0);
   EXPECT_EQ(rows(sample.entries, show),
             "1 0 init 500 1572864\n42 2 rcu) R 1 1 9000 0\n300 1 camera srv 1800 12288\n");
   EXPECT_EQ(sample.uptime_ticks, 1000U * static_cast<uint64_t>(sample.ticks_per_second));
   EXPECT_EQ(sample.entries.at(2).rss_kb, 30000 * (sysconf(_SC_PAGESIZE) / 1024));
   // In place of the parent the process that a thread belongs to.
-  ASSERT_EQ(sampler_of(ZORVA_FIXTURES "/cpu64").read(true, sample), 0);
+  ASSERT_EQ(sampler_of(ZORVA_FIXTURES "/cpu64").read(true, 0, sample), 0);
   EXPECT_EQ(rows(sample.entries, show),
             "1 1 init 500 1572864\n42 42 rcu) R 1 1 9000 0\n300 300 camera srv 1000 4096\n"
             "301 300 isp 500 8192\n305 300 enc (h265) 100 0\n");
@@ -110,7 +110,7 @@ TEST(read_processes, those_that_vanish_are_left_out_and_refused_io_is_unknown) {
   tree.write("proc/13/cmdline", "gone");
   tree.write("proc/14/stat", "14 (cut) S 1");
   process_sample sample;
-  ASSERT_EQ(sampler_of(tree.path).read(false, sample), 0);
+  ASSERT_EQ(sampler_of(tree.path).read(false, 0, sample), 0);
   EXPECT_EQ(rows(sample.entries, [](const auto& one) { return row(one.comm, one.io_bytes); }),
             "left -\n");
   EXPECT_EQ(parse_io("rchar: 9\nread_bytes: 4096\ncancelled_write_bytes: 7\n"), unknown_u64);
@@ -221,11 +221,11 @@ TEST(process_sources, agree) {
     process_sample again;
     process_sample opened;
     process_sample kernel;
-    ASSERT_EQ(from_kept.read(threads, first), 0);
+    ASSERT_EQ(from_kept.read(threads, 0, first), 0);
     usleep(300000);
-    ASSERT_EQ(from_bpf.read(threads, kernel), 0);
-    ASSERT_EQ(from_kept.read(threads, again), 0);
-    ASSERT_EQ(from_opened.read(threads, opened), 0);
+    ASSERT_EQ(from_bpf.read(threads, 0, kernel), 0);
+    ASSERT_EQ(from_kept.read(threads, 0, again), 0);
+    ASSERT_EQ(from_opened.read(threads, 0, opened), 0);
     const auto fixed = [&](const process_sample& sample, int32_t id) {
       const process_entry& one = entry_in(sample, id);
       return row(one.pid, one.ppid, one.comm, one.priority, one.num_threads, one.start_ticks,
@@ -289,14 +289,14 @@ TEST(process_files, kept_descriptors_are_bounded_and_given_back) {
     for (int i = 0; i < 20; ++i) {
       children.push_back(std::make_unique<child>(pause_for_ever));
     }
-    ASSERT_EQ(sampler.read(false, sample), 0);
+    ASSERT_EQ(sampler.read(false, 0, sample), 0);
     for (const auto& one : children) {
       EXPECT_NE(find_process(sample, one->pid), nullptr);
     }
-    ASSERT_EQ(sampler.read(true, sample), 0);
+    ASSERT_EQ(sampler.read(true, 0, sample), 0);
     EXPECT_LE(open_descriptors(), before + 8 + 3);  // and /proc, twice, and netlink
   }
-  ASSERT_EQ(sampler.read(false, sample), 0);
+  ASSERT_EQ(sampler.read(false, 0, sample), 0);
   EXPECT_TRUE(std::none_of(sample.entries.begin(), sample.entries.end(), [](const auto& one) {
     return one.ppid == getpid() && one.state != 'Z';
   }));
@@ -336,7 +336,7 @@ TEST(process_net, bytes_go_to_the_process_that_has_the_socket) {
   process_sampler sampler = sampler_of("/");
   process_sample sample;
   const auto own_bytes = [&] {
-    EXPECT_EQ(sampler.read(false, sample), 0);
+    EXPECT_EQ(sampler.read(false, 0, sample), 0);
     return entry_in(sample, getpid()).net_bytes;
   };
   const tcp_pair old_pair;
@@ -397,7 +397,7 @@ TEST(process_bpu, time_on_accelerators) {
   process_sampler sampler = sampler_of(tree.path);
   process_sample sample;
   const auto show = [&] {
-    EXPECT_EQ(sampler.read(false, sample), 0);
+    EXPECT_EQ(sampler.read(false, 0, sample), 0);
     return rows(sample.entries, [](const process_entry& one) { return row(one.pid, one.bpu_ns); });
   };
   EXPECT_EQ(show(), "12 -\n13 -\n");  // no accelerator

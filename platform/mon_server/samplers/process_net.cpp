@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <string_view>
 
+#include "samplers/clock.h"
 #include "samplers/process_descriptors.h"
 #include "samplers/text.h"
 
@@ -38,20 +39,28 @@ uint32_t namespace_of_this_process() {
 
 }  // namespace
 
-void process_net::add_to(const file_reader& machine, process_sample& sample) {
+void process_net::add_to(const file_reader& machine, int64_t young_us, process_sample& sample) {
   if (own_namespace == 0) {
     own_namespace = namespace_of_this_process();
   }
-  if (!machine.own_machine || own_namespace == 0 || dump.read(dumped) != 0) {
+  sample.net_time_us = 0;
+  if (!machine.own_machine || own_namespace == 0) {
     return;
   }
-  ++turn;
-  take_dump();
-  credit_owners(machine, sample);
-  if (!unowned.empty()) {
-    find_owners(machine, sample);
+  if (dumped_us == 0 || monotonic_us() - dumped_us >= young_us) {
+    if (dump.read(dumped) != 0) {
+      return;
+    }
+    ++turn;
+    take_dump();
+    credit_owners(machine, sample);
+    if (!unowned.empty()) {
+      find_owners(machine, sample);
+    }
+    forget_gone(sample);
+    dumped_us = monotonic_us();
   }
-  forget_gone(sample);
+  sample.net_time_us = dumped_us;
   fill_in(sample);
 }
 
@@ -61,7 +70,7 @@ void process_net::take_dump() {
   for (const tcp_socket& one : dumped) {
     const auto [place, is_new] = sockets.try_emplace(one.cookie);
     known_socket& known = place->second;
-    if (is_new && first_dump) {
+    if (is_new && dumped_us == 0) {
       known.bytes = one.bytes;
     }
     if (one.bytes > known.bytes) {
@@ -70,7 +79,6 @@ void process_net::take_dump() {
     known.bytes = one.bytes;
     known.seen = turn;
   }
-  first_dump = false;
 }
 
 // A socket may have been handed on since the sample before (a server that forks for each

@@ -24,7 +24,9 @@ class process_net {
  public:
   // Fills in net_bytes. It stays unknown for processes of another network namespace, for those
   // whose namespace this server may not know, and in a tree that stands in for the machine.
-  void add_to(const file_reader& machine, process_sample& sample);
+  // The kernel walks its whole table of connections for a dump, however few there are, so that one
+  // younger than `young_us` is used again.
+  void add_to(const file_reader& machine, int64_t young_us, process_sample& sample);
 
  private:
   struct known_socket {
@@ -56,8 +58,8 @@ class process_net {
 
   socket_dump dump;
   std::vector<tcp_socket> dumped;
-  bool first_dump = true;
-  uint32_t turn = 0;  // counts samples
+  int64_t dumped_us = 0;  // 0: never
+  uint32_t turn = 0;      // counts samples
   uint32_t own_namespace = 0;
   std::unordered_map<uint64_t, known_socket> sockets;  // by cookie
   std::map<int32_t, owner> owners;                     // by process id

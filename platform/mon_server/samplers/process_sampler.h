@@ -26,9 +26,9 @@ class process_sampler {
   process_sampler(std::shared_ptr<const file_reader> machine,
                   const process_sampler_options& options);
 
-  // Takes a sample of the processes, or of all threads. 0 or a negative errno; what has been read
-  // until then is in the sample.
-  int read(bool threads, process_sample& sample);
+  // Takes a sample of the processes, or of all threads; the network figures in it may be as old as
+  // `net_young_us`. 0 or a negative errno; what has been read until then is in the sample.
+  int read(bool threads, int64_t net_young_us, process_sample& sample);
 
   // Closes what is kept open from sample to sample, for when nobody asks for samples.
   void release();

@@ -39,6 +39,7 @@ struct process_entry {
 
 struct process_sample {
   int64_t time_us = 0;                 // monotonic
+  int64_t net_time_us = 0;             // monotonic, of net_bytes
   uint64_t uptime_ticks = 0;           // time since boot, in the ticks of start_ticks
   int64_t ticks_per_second = 100;      // USER_HZ
   bool threads = false;                // threads, not processes

@@ -33,6 +33,7 @@ struct process_ranking::interval {
   uint64_t net_bytes = 0;
   uint64_t bpu_ns = 0;
   double seconds = 0;
+  double net_seconds = 0;
 };
 
 // A process's life; it is 0 for one that started after the sample was begun. What went over the
@@ -57,7 +58,7 @@ process_ranking::rated_process process_ranking::rate_over(const interval& over,
   const bool rounded = entry.cpu_ns < over.cpu_ns && over.cpu_ns - entry.cpu_ns <= cpu_rounding_ns;
   one.cpu = rate(rounded ? entry.cpu_ns : over.cpu_ns, entry.cpu_ns, over.seconds) / 1e9 * 100;
   one.io = rate(over.io_bytes, entry.io_bytes, over.seconds) / 1024;
-  one.net = rate(over.net_bytes, entry.net_bytes, over.seconds) / 1024;
+  one.net = rate(over.net_bytes, entry.net_bytes, over.net_seconds) / 1024;
   one.bpu = rate(over.bpu_ns, entry.bpu_ns, over.seconds) / 1e9 * 100;
   switch (sort_key) {
     case sort_by_bpu:
@@ -99,9 +100,10 @@ void process_ranking::rate_all(const process_sample* before, const process_sampl
       if (position < old.size() &&
           std::tie(old[position].pid, old[position].start_ticks) == identity) {
         const process_entry& start = old[position];
-        over = {start.cpu_ns, start.io_bytes, start.net_bytes, start.bpu_ns, 0};
+        over = {start.cpu_ns, start.io_bytes, start.net_bytes, start.bpu_ns, 0, 0};
       }
       over.seconds = static_cast<double>(now.time_us - before->time_us) / 1e6;
+      over.net_seconds = static_cast<double>(now.net_time_us - before->net_time_us) / 1e6;
     }
     rated.push_back(rate_over(over, entry, sort_key));
   }
