@@ -2,6 +2,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -166,6 +167,7 @@ class child {
   template <class function>
   explicit child(function run) : pid(fork()) {
     if (pid == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
       run();
       _exit(0);
     }

@@ -196,6 +196,8 @@ int process_files::read_one(int32_t pid, int32_t thread_id) {
       next.pop_back();
       return result;
     }
+    const bool one_thread = threads || entry.num_threads == 1;
+    entry.activity = one_thread ? files.last_run.times_run : 0;
     files.last = entry;
   }
   found->push_back(files.last);

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <string_view>
+#include <utility>
 
 #include "samplers/clock.h"
 #include "samplers/process_descriptors.h"
@@ -104,17 +105,19 @@ void process_net::credit_owners(const file_reader& machine, const process_sample
 }
 
 void process_net::find_owners(const file_reader& machine, const process_sample& sample) {
-  for (auto known = owners.begin(); known != owners.end() && !unowned.empty();) {
-    const int32_t pid = known->first;
-    ++known;
-    ask_process(machine, sample, pid);
+  std::vector<int32_t> owner_ids;
+  for (const auto& [pid, account] : owners) {
+    owner_ids.push_back(pid);
   }
-  if (unowned.empty()) {
-    return;
+  for (const int32_t pid : owner_ids) {
+    const process_entry* process = find_process(sample, pid);
+    if (process != nullptr && ask_process(machine, sample, *process)) {
+      return;
+    }
   }
   const bool round_completed = walk.go_on(sample, [&](const process_entry& process) {
     const bool readable = process.net_namespace == own_namespace;
-    return !readable || !ask_process(machine, sample, process.pid);
+    return !readable || !ask_process(machine, sample, process);
   });
   if (!round_completed) {
     return;
@@ -125,9 +128,22 @@ void process_net::find_owners(const file_reader& machine, const process_sample& 
   }
 }
 
+bool process_net::may_have_others(const process_sample& sample, const process_entry& process) {
+  const bool whole_process = !sample.threads || process.num_threads == 1;
+  const bool known = whole_process && process.state != 'R';  // a running one's figure may lag
+  const asked now{process.start_ticks, known ? process.activity : 0};
+  const asked before = std::exchange(last_asked[process.pid], now);
+  return now.activity == 0 || now.activity != before.activity ||
+         now.start_ticks != before.start_ticks;
+}
+
 // Credits a process with the traffic of those sockets that it has open. True when that was all.
 bool process_net::ask_process(const file_reader& machine, const process_sample& sample,
-                              int32_t pid) {
+                              const process_entry& process) {
+  if (!may_have_others(sample, process)) {
+    return false;
+  }
+  const int32_t pid = process.pid;
   for_each_descriptor(machine, pid, [&](int32_t number, std::string_view target) {
     const uint32_t inode = socket_inode(target);
     const auto found = inode == 0
@@ -160,6 +176,9 @@ void process_net::credit(const process_sample& sample, int32_t pid, uint64_t byt
 void process_net::forget_gone(const process_sample& sample) {
   for (auto one = sockets.begin(); one != sockets.end();) {
     one = turn - one->second.seen > kept_turns ? sockets.erase(one) : std::next(one);
+  }
+  if (last_asked.size() > 2 * sample.entries.size()) {
+    last_asked.clear();  // most of them have gone
   }
   for (auto one = owners.begin(); one != owners.end();) {
     const process_entry* process = find_process(sample, one->first);

@@ -41,6 +41,11 @@ class process_net {
     uint64_t start_ticks = 0;
     uint64_t bytes = 0;
   };
+  // When a process was asked for its sockets. One that has not run since then has no others.
+  struct asked {
+    uint64_t start_ticks = 0;
+    uint64_t activity = 0;
+  };
   // A socket through which bytes have moved since the sample before.
   struct traffic {
     uint32_t inode;
@@ -51,7 +56,9 @@ class process_net {
   void take_dump();
   void credit_owners(const file_reader& machine, const process_sample& sample);
   void find_owners(const file_reader& machine, const process_sample& sample);
-  bool ask_process(const file_reader& machine, const process_sample& sample, int32_t pid);
+  bool ask_process(const file_reader& machine, const process_sample& sample,
+                   const process_entry& process);
+  bool may_have_others(const process_sample& sample, const process_entry& process);
   void credit(const process_sample& sample, int32_t pid, uint64_t bytes);
   void forget_gone(const process_sample& sample);
   void fill_in(process_sample& sample) const;
@@ -63,6 +70,7 @@ class process_net {
   uint32_t own_namespace = 0;
   std::unordered_map<uint64_t, known_socket> sockets;  // by cookie
   std::map<int32_t, owner> owners;                     // by process id
+  std::unordered_map<int32_t, asked> last_asked;       // by process id
   std::vector<traffic> moved;                          // in this sample
   std::vector<traffic> unowned;                        // of those
   process_walk walk;

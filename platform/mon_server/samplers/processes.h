@@ -29,6 +29,7 @@ struct process_entry {
   uint32_t net_namespace = 0;  // inode number of its network namespace, 0 if unknown
   uint64_t start_ticks = 0;    // since boot; tells a process from the pid's next owner
   uint64_t cpu_ns = 0;         // user and system time
+  uint64_t activity = 0;       // changes whenever it has run; 0 if unknown
   // Read from and written to storage. The kernel adds those of a child to its parent when the
   // parent has waited for it; a thread's are its own.
   uint64_t io_bytes = unknown_u64;

@@ -314,6 +314,7 @@ process_entry entry_of(const task_record& task, const stat_units& units) {
   entry.net_namespace = task.net_namespace;
   entry.start_ticks = task.start_boottime / units.tick_ns;
   entry.cpu_ns = task.sum_exec_runtime;
+  entry.activity = task.sum_exec_runtime;
   entry.io_bytes = task.read_bytes + task.write_bytes;
   entry.rss_kb = static_cast<int64_t>(task.rss_pages * units.page_kb);
   return entry;
@@ -387,6 +388,7 @@ void task_entries::make_processes(const std::vector<task_record>& tasks,
     if (task.pid == task.tgid) {
       process_entry& entry = entries.emplace_back(entry_of(task, units));
       entry.cpu_ns += task.gone_exec_runtime;
+      entry.activity = entry.cpu_ns;
       entry.io_bytes += task.gone_read_bytes + task.gone_write_bytes;
       sums.push_back({&task, 1, true});
     }
@@ -408,6 +410,7 @@ void task_entries::add_thread(const task_record& task, std::vector<process_entry
   process_sum& sum = sums[static_cast<size_t>(process - entries.begin())];
   ++sum.threads;
   process->cpu_ns += task.sum_exec_runtime;
+  process->activity = process->cpu_ns;
   process->io_bytes += task.read_bytes + task.write_bytes;
   sum.consistent = sum.consistent && task.nr_threads == sum.first->nr_threads &&
                    task.gone_exec_runtime == sum.first->gone_exec_runtime;
