@@ -87,7 +87,7 @@ answer process_answer(const std::vector<uint8_t>& payload, session_state& state,
   auto& interval = threads ? state.threads : state.processes;
   const int64_t young_us = interval.young_us();
   const auto read = [&](samplers::process_sample& sample) {
-    return figures.process_sampler.read(threads, 2 * young_us, sample);
+    return figures.process_sampler.read(threads, young_us, sample);
   };
   int error = 0;
   auto newest = (threads ? figures.threads : figures.processes).newest(young_us, read, error);

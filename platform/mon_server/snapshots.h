@@ -72,14 +72,14 @@ struct rate_interval {
     now.reset();
   }
 
-  // How old a sample may be to end the interval: a quarter of the client's cycle. Ten clients then
-  // cost little more than one, and rates stay true, since they are over the time between samples. A
-  // tenth of a second is ten clock ticks, below which CPU shares would be mostly rounding.
+  // How old a sample may be to end the interval: half of the client's cycle. Ten clients then cost
+  // little more than one, and rates stay true, since they are over the time between samples. A tenth
+  // of a second is ten clock ticks, below which CPU shares would be mostly rounding.
   int64_t young_us() const {
     constexpr int64_t shortest_us = 100000;
-    constexpr int64_t longest_us = 250000;
+    constexpr int64_t longest_us = 500000;
     const int64_t cycle_us = now ? samplers::monotonic_us() - now->time_us : 0;
-    return std::clamp(cycle_us / 4, shortest_us, longest_us);
+    return std::clamp(cycle_us / 2, shortest_us, longest_us);
   }
 };
 
