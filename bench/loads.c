@@ -15,33 +15,47 @@ static void* sleep_for_ever(void* unused) {
   }
 }
 
+static void start_thread(void) {
+  pthread_attr_t small_stack;
+  pthread_attr_init(&small_stack);
+  pthread_attr_setstacksize(&small_stack, 64 * 1024);
+  pthread_t thread;
+  const int error = pthread_create(&thread, &small_stack, sleep_for_ever, NULL);
+  if (error != 0) {
+    fprintf(stderr, "pthread_create: %s\n", strerror(error));
+    exit(1);
+  }
+}
+
+static void start_process(pid_t parent) {
+  const pid_t child = fork();
+  if (child < 0) {
+    perror("fork");
+    exit(1);
+  }
+  if (child == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != parent) {
+      _exit(1);  // it went before it could be followed
+    }
+    sleep_for_ever(NULL);
+  }
+}
+
 int main(int argc, char** argv) {
   if (argc != 3) {
     fprintf(stderr, "usage: loads processes|threads COUNT\n");
     return 2;
   }
   prctl(PR_SET_PDEATHSIG, SIGKILL);
+  const int threads = strcmp(argv[1], "threads") == 0;
   const int count = atoi(argv[2]);
-  pthread_attr_t small_stack;
-  pthread_attr_init(&small_stack);
-  pthread_attr_setstacksize(&small_stack, 64 * 1024);
+  const pid_t self = getpid();
   for (int i = 0; i < count; ++i) {
-    if (strcmp(argv[1], "threads") == 0) {
-      pthread_t thread;
-      if (pthread_create(&thread, &small_stack, sleep_for_ever, NULL) != 0) {
-        perror("pthread_create");
-        return 1;
-      }
-      continue;
-    }
-    const pid_t child = fork();
-    if (child < 0) {
-      perror("fork");
-      return 1;
-    }
-    if (child == 0) {
-      prctl(PR_SET_PDEATHSIG, SIGKILL);
-      sleep_for_ever(NULL);
+    if (threads) {
+      start_thread();
+    } else {
+      start_process(self);
     }
   }
   printf("ready\n");

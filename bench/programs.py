@@ -15,6 +15,7 @@ import time
 
 ROWS, COLUMNS = 60, 200
 PR_SET_PDEATHSIG = 1
+QUIET = 0.3  # seconds without output that part two refreshes
 libc = ctypes.CDLL(None)
 
 
@@ -46,8 +47,25 @@ def open_descriptors(pid):
 
 
 def has_children(pid):
-    with open(f"/proc/{pid}/task/{pid}/children") as children:
-        return bool(children.read().strip())
+    """Whether it has children, or has waited for some that used CPU time."""
+    for thread in os.listdir(f"/proc/{pid}/task"):
+        try:
+            with open(f"/proc/{pid}/task/{thread}/children") as children:
+                if children.read().strip():
+                    return True
+        except FileNotFoundError:  # the thread has ended
+            pass
+    with open(f"/proc/{pid}/stat") as stat:
+        fields = stat.read().rpartition(")")[2].split()
+    return fields[13:15] != ["0", "0"]  # cutime, cstime
+
+
+def end_group(process):
+    try:
+        os.killpg(process.pid, signal.SIGKILL)
+    except ProcessLookupError:
+        pass
+    process.wait(timeout=10)
 
 
 class InTerminal:
@@ -56,49 +74,61 @@ class InTerminal:
     KEPT = 1 << 20
 
     def __init__(self, command, environment=None):
-        self.started = time.monotonic()
         ours, theirs = pty.openpty()
         fcntl.ioctl(theirs, termios.TIOCSWINSZ, struct.pack("HHHH", ROWS, COLUMNS, 0, 0))
-        self.process = subprocess.Popen(command, stdin=theirs, stdout=theirs, stderr=theirs,
-                                        env={**os.environ, "TERM": "xterm-256color",
-                                             "LC_ALL": "C.UTF-8", **(environment or {})},
-                                        preexec_fn=die_with_parent)
-        os.close(theirs)
+        self.started = time.monotonic()
+        try:
+            self.process = subprocess.Popen(command, stdin=theirs, stdout=theirs, stderr=theirs,
+                                            env={**os.environ, "TERM": "xterm-256color",
+                                                 "LC_ALL": "C.UTF-8", **(environment or {})},
+                                            preexec_fn=die_with_parent)
+        except BaseException:
+            os.close(ours)
+            raise
+        finally:
+            os.close(theirs)
         self.terminal = ours
+        self.ended = False
         self.bytes = 0
+        self.bursts = 0  # of output, with QUIET between them
         self.last_output = self.started
         self.text = b""
         self.changed = threading.Condition()
-        threading.Thread(target=self._read, daemon=True).start()
+        self.reader = threading.Thread(target=self._read, daemon=True)
+        self.reader.start()
 
     @property
     def pid(self):
         return self.process.pid
 
     def _read(self):
-        while True:
+        while not self.ended:
             try:
-                if not select.select([self.terminal], [], [], 1)[0]:
+                if not select.select([self.terminal], [], [], 0.2)[0]:
                     continue
                 part = os.read(self.terminal, 65536)
-            except (OSError, ValueError):
-                part = b""
+            except OSError:  # EIO: nobody has the other side open any more
+                return
+            now = time.monotonic()
             with self.changed:
+                if self.bytes == 0 or now - self.last_output > QUIET:
+                    self.bursts += 1
                 self.bytes += len(part)
-                self.last_output = time.monotonic()
+                self.last_output = now
                 self.text = (self.text + part)[-self.KEPT:]
                 self.changed.notify_all()
-            if not part:
-                return
 
     def wait_for(self, pattern, seconds):
         """Seconds from the start until the output holds the pattern, None if it never does."""
-        end = time.monotonic() + seconds
         with self.changed:
-            while not re.search(pattern, self.text):
-                if time.monotonic() > end or not self.changed.wait(end - time.monotonic()):
-                    return None
-            return self.last_output - self.started
+            if self.changed.wait_for(lambda: re.search(pattern, self.text), seconds):
+                return self.last_output - self.started
+        return None
+
+    def wait_for_bursts(self, count, seconds):
+        """Waits until so many bursts of output have begun; whether they have."""
+        with self.changed:
+            return self.changed.wait_for(lambda: self.bursts >= count, seconds)
 
     def type(self, keys):
         os.write(self.terminal, keys)
@@ -107,32 +137,39 @@ class InTerminal:
         return self.process.poll() is None
 
     def stop(self):
-        try:
-            os.killpg(self.pid, signal.SIGKILL)
-        except ProcessLookupError:
-            pass
-        self.process.wait()
+        end_group(self.process)
+        # The reader goes before the descriptor does: its number may be the next terminal's.
+        self.ended = True
+        self.reader.join(timeout=5)
         os.close(self.terminal)
 
 
 class Server:
     """A monitor server on a free port of the loopback address."""
 
-    def __init__(self, binaries, options=()):
+    def __init__(self, binaries, options=(), environment=None):
         self.log = tempfile.TemporaryFile("w+")
         self.process = subprocess.Popen([f"{binaries}/mon_server", "--port", "0", *options],
                                         stderr=self.log, stdin=subprocess.DEVNULL,
+                                        env={**os.environ, **(environment or {})},
                                         preexec_fn=die_with_parent)
-        self.port = None
+        try:
+            self.port = self._find_port()
+        except BaseException:
+            self.stop()
+            raise
+
+    def _find_port(self):
         for _ in range(100):
             self.log.seek(0)
-            found = re.search(r"listening on .* port (\d+)", self.log.read())
+            text = self.log.read()
+            found = re.search(r"listening on .* port (\d+)", text)
             if found:
-                self.port = int(found[1])
-                return
+                return int(found[1])
+            if not self.alive():
+                break
             time.sleep(0.05)
-        self.stop()
-        raise RuntimeError("the server did not start")
+        raise RuntimeError(f"the server did not start: {text.strip()}")
 
     @property
     def pid(self):
@@ -142,5 +179,5 @@ class Server:
         return self.process.poll() is None
 
     def stop(self):
-        self.process.kill()
-        self.process.wait()
+        end_group(self.process)
+        self.log.close()
