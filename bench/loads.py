@@ -12,7 +12,7 @@ PROGRAM = os.path.join(os.path.dirname(HERE), "build", "bench", "loads")
 
 def build():
     os.makedirs(os.path.dirname(PROGRAM), exist_ok=True)
-    subprocess.run(["c++", "-x", "c", "-O1", "-Wall", "-Wextra", "-pthread", f"{HERE}/loads.c",
+    subprocess.run(["cc", "-O1", "-Wall", "-Wextra", "-pthread", f"{HERE}/loads.c",
                     "-o", PROGRAM], check=True, timeout=60)
 
 

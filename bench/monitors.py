@@ -43,7 +43,7 @@ def peers(home, threads):
     return [
         Monitor(" ".join(top), [*top, "-d", "1"], rb"load average", private),
         Monitor("htop", ["htop", "-d", "10"], rb"Load average", private),
-        Monitor("btop", ["btop"], rb"up \d", private),  # it has no view of all threads
+        Monitor("btop", ["btop"], rb"0/\d+\x1b", private),  # has no view of all threads
     ]
 
 

@@ -73,8 +73,8 @@ struct rate_interval {
   }
 
   // How old a sample may be to end the interval: half of the client's cycle. Ten clients then cost
-  // little more than one, and rates stay true, since they are over the time between samples. A tenth
-  // of a second is ten clock ticks, below which CPU shares would be mostly rounding.
+  // little more than one, and rates stay true, since they are over the time between samples. A
+  // tenth of a second is ten clock ticks, below which CPU shares would be mostly rounding.
   int64_t young_us() const {
     constexpr int64_t shortest_us = 100000;
     constexpr int64_t longest_us = 500000;

@@ -187,7 +187,7 @@ void pause_for_ever() {
 
 // Burns CPU time until somebody stops it.
 void run_for_ever() {
-  for (volatile int i = 0;; i = i + 1) {
+  for (volatile unsigned i = 0;; i = i + 1) {
   }
 }
 
@@ -239,7 +239,7 @@ TEST(process_sources, agree) {
       EXPECT_EQ(entry_in(again, id).io_bytes, entry_in(opened, id).io_bytes) << id;
       EXPECT_EQ(entry_in(kernel, id).io_bytes, entry_in(opened, id).io_bytes) << id;
       EXPECT_NEAR(static_cast<double>(entry_in(kernel, id).cpu_ns),
-                  static_cast<double>(entry_in(opened, id).cpu_ns), 1e8)
+                  static_cast<double>(entry_in(opened, id).cpu_ns), 3e8)
           << id;
     }
     EXPECT_EQ(entry_in(kernel, idle.pid).rss_kb, entry_in(opened, idle.pid).rss_kb);

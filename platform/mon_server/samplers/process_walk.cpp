@@ -1,6 +1,8 @@
 #include "samplers/process_walk.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <tuple>
 
 #include "samplers/clock.h"
 
@@ -17,25 +19,29 @@ constexpr int youngest = 16;
 bool process_walk::go_on(const process_sample& sample,
                          const std::function<bool(const process_entry&)>& visit) {
   const int64_t end_us = monotonic_us() + longest_us;
-  const std::vector<process_entry>& all = sample.entries;
-  const auto is_process = [&](const process_entry& entry) {
-    return entry.pid == sample.process_of(entry);
-  };
-  int left = next_pid == INT32_MAX ? 0 : youngest;
-  for (auto entry = all.rbegin(); entry != all.rend() && left > 0; ++entry) {
-    if (is_process(*entry)) {
-      --left;
-      if (!visit(*entry)) {
-        return false;
-      }
+  by_age.clear();
+  for (const process_entry& entry : sample.entries) {
+    if (entry.pid == sample.process_of(entry)) {
+      by_age.push_back(&entry);
     }
   }
-  const auto above = [](int32_t pid, const process_entry& entry) { return pid < entry.pid; };
-  auto position = std::upper_bound(all.begin(), all.end(), next_pid, above);
-  while (position != all.begin()) {
-    --position;
-    next_pid = position->pid - 1;
-    if (is_process(*position) && (!visit(*position) || monotonic_us() > end_us)) {
+  // Not by their ids, which begin anew when the highest has been given.
+  std::sort(by_age.begin(), by_age.end(), [](const process_entry* a, const process_entry* b) {
+    return std::tie(a->start_ticks, a->pid) > std::tie(b->start_ticks, b->pid);
+  });
+  const auto visited = [this](const process_entry* entry) {
+    return std::tie(entry->start_ticks, entry->pid) >=
+           std::tie(visited_until.start_ticks, visited_until.pid);
+  };
+  auto next = std::partition_point(by_age.begin(), by_age.end(), visited);
+  const auto again = std::min<std::ptrdiff_t>(youngest, next - by_age.begin());
+  if (!std::all_of(by_age.begin(), by_age.begin() + again,
+                   [&](const process_entry* entry) { return visit(*entry); })) {
+    return false;
+  }
+  for (; next != by_age.end(); ++next) {
+    visited_until = {(*next)->start_ticks, (*next)->pid};
+    if (!visit(**next) || monotonic_us() > end_us) {
       return false;
     }
   }

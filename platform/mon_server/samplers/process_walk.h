@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <vector>
 
 #include "samplers/processes.h"
 
@@ -19,10 +20,16 @@ class process_walk {
   bool go_on(const process_sample& sample, const std::function<bool(const process_entry&)>& visit);
 
   // Starts a round again from the youngest.
-  void restart() { next_pid = INT32_MAX; }
+  void restart() { visited_until = process_age(); }
 
  private:
-  int32_t next_pid = INT32_MAX;  // the walk goes on with this one or the next below
+  struct process_age {
+    uint64_t start_ticks = UINT64_MAX;
+    int32_t pid = INT32_MAX;
+  };
+
+  process_age visited_until;                 // those younger have been visited in this round
+  std::vector<const process_entry*> by_age;  // youngest first, while it goes on
 };
 
 }  // namespace samplers
