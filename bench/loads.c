@@ -13,6 +13,7 @@ static void* sleep_for_ever(void* unused) {
   for (;;) {
     pause();
   }
+  return NULL;
 }
 
 static void start_thread(void) {

@@ -8,6 +8,7 @@ from monitors import zorva
 from programs import InTerminal, Server, cpu_seconds, has_children, resident_kib
 
 FIRST_REFRESHES = 3  # are not yet the steady state
+SLOW_PANEL_CYCLES = 3  # the panels on top of zorva's full screen are filled every third second
 
 
 class Measured:
@@ -65,6 +66,7 @@ class Reading:
 def read_steady(monitor, program, pids, refreshes):
     """Two readings with so many refreshes between them, and how many they were."""
     if not monitor.steady_bursts:
+        refreshes += -refreshes % SLOW_PANEL_CYCLES
         time.sleep(FIRST_REFRESHES)
         before = Reading(program, pids)
         time.sleep(refreshes)
@@ -119,7 +121,7 @@ def measure(monitor, binaries, refreshes, starts):
 
 
 def measure_clients(binaries, count, refreshes):
-    """CPU milliseconds a refresh of a server and so many clients together."""
+    """CPU milliseconds a refresh of a server, and of so many clients together."""
     monitor = zorva(binaries, "-b")
     server = Server(binaries, environment=monitor.environment)
     clients = []
@@ -130,28 +132,29 @@ def measure_clients(binaries, count, refreshes):
         for client in clients:
             if client.wait_for(monitor.figures, 10) is None:
                 raise RuntimeError(f"no figures with {count} clients")
-        time.sleep(FIRST_REFRESHES)
+        time.sleep(FIRST_REFRESHES - 1)  # the first one has been seen
         pids = [server.pid] + [one.pid for one in clients]
-        before = sum(cpu_seconds(pid) for pid in pids)
+        before = [cpu_seconds(pid) for pid in pids]
         began = time.monotonic()
         time.sleep(refreshes)
-        used = sum(cpu_seconds(pid) for pid in pids) - before
-        return used / (time.monotonic() - began) * 1000
+        used = [cpu_seconds(pid) - early for pid, early in zip(pids, before)]
+        seconds = time.monotonic() - began
+        return used[0] / seconds * 1000, sum(used[1:]) / seconds * 1000
     finally:
         for client in clients:
             client.stop()
         server.stop()
 
 
-def bytes_while_still(binaries, tree, seconds, options=()):
-    """Bytes to the terminal while no figure changes: a tree of files stands in for the machine."""
-    monitor = zorva(binaries, *options)
-    server = Server(binaries, ["--sysroot", tree], monitor.environment)
+def bytes_while_still(binaries, server_options, seconds):
+    """Bytes to the terminal while no figure changes: files stand in for the machine."""
+    monitor = zorva(binaries)
+    server = Server(binaries, server_options, monitor.environment)
     program = None
     try:
         program = start(monitor, server)
         if program.wait_for(monitor.figures, 10) is None:
-            raise RuntimeError("no figures of the tree of files")
+            raise RuntimeError("no figures of the files")
         time.sleep(4)
         before = program.bytes
         time.sleep(seconds)
