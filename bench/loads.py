@@ -30,7 +30,7 @@ class Load:
         self.process = subprocess.Popen([PROGRAM, kind, str(count)], stdin=subprocess.DEVNULL,
                                         stdout=subprocess.PIPE, preexec_fn=die_with_parent)
         try:
-            ready = select.select([self.process.stdout], [], [], 30)[0]
+            ready = select.select([self.process.stdout], [], [], 60)[0]
             if not ready or self.process.stdout.readline() != b"ready\n":
                 raise RuntimeError(f"{count} {kind} cannot be started")
         except BaseException:

@@ -56,9 +56,9 @@ std::string name_of(const cpu_usage& usage) {
 
 // A CPU in half a line, 34 columns.
 std::string half_line(const cpu_usage& usage) {
-  return fmt::format("{:<6}{:>6} us{:>4} sy{:>4} {:>4}MHz", name_of(usage),
-                     text_tools::percent(busy(usage)), whole(share(usage.user)),
-                     whole(share(usage.system)), mhz(usage));
+  const std::string name = usage.cpu > 999 ? number_of(usage) : name_of(usage);
+  return fmt::format("{:<6}{:>6} us{:>4} sy{:>4} {:>4}MHz", name, text_tools::percent(busy(usage)),
+                     whole(share(usage.user)), whole(share(usage.system)), mhz(usage));
 }
 
 // Lays cells of the same width out in rows.

@@ -1,3 +1,4 @@
+#include <malloc.h>
 #include <sys/resource.h>
 
 #include <asio/io_context.hpp>
@@ -22,6 +23,14 @@ void raise_descriptor_limit() {
   }
 }
 
+// Large blocks that were needed once (the kernel's types, answers that nobody reads) go back to the
+// kernel: by itself the allocator would raise these limits to the largest block that it has seen.
+void give_memory_back() {
+  constexpr int limit = 128 * 1024;
+  mallopt(M_MMAP_THRESHOLD, limit);
+  mallopt(M_TRIM_THRESHOLD, limit);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -38,6 +47,7 @@ int main(int argc, char** argv) {
       break;
   }
   raise_descriptor_limit();
+  give_memory_back();
   // Log lines to a reader that went away must not end the server.
   std::signal(SIGPIPE, SIG_IGN);
   asio::io_context loop(1);

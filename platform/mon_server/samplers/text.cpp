@@ -88,6 +88,8 @@ std::vector<int32_t> parse_cpu_list(std::string_view text) {
       cpus.push_back(static_cast<int32_t>(cpu));
     }
   }
+  std::sort(cpus.begin(), cpus.end());
+  cpus.erase(std::unique(cpus.begin(), cpus.end()), cpus.end());
   return cpus;
 }
 
