@@ -40,6 +40,46 @@ std::string folder_problem(const std::string& option, const std::string& path) {
   return S_ISDIR(status.st_mode) ? "" : option + ' ' + path + ": not a folder\n";
 }
 
+// Takes one option. Anything but `run` ends the command line.
+command_line take_option(int opt, server_options& options, std::string& text) {
+  switch (opt) {
+    case 'l':
+      options.listen = optarg;
+      break;
+    case 'p':
+      if (!parse_number(optarg, options.port)) {
+        text = std::string("--port ") + optarg + ": not a port number, 0 to 65535\n";
+        return command_line::wrong;
+      }
+      break;
+    case 'b':
+      options.board = optarg;
+      break;
+    case 's':
+      options.sysroot = optarg;
+      break;
+    case 'k':
+      if (!parse_number(optarg, options.keep_files)) {
+        text = std::string("--keep-files ") + optarg + ": not a number\n";
+        return command_line::wrong;
+      }
+      break;
+    case 'n':
+      options.use_bpf = false;
+      break;
+    case 'h':
+      text = usage;
+      return command_line::done;
+    case 'v':
+      text = "mon_server " ZORVA_VERSION "\n";
+      return command_line::done;
+    default:  // getopt has said what is wrong
+      text = usage;
+      return command_line::wrong;
+  }
+  return command_line::run;
+}
+
 }  // namespace
 
 command_line parse_server_options(int argc, char** argv, server_options& options,
@@ -57,40 +97,9 @@ command_line parse_server_options(int argc, char** argv, server_options& options
   };
   int opt;
   while ((opt = getopt_long(argc, argv, "", long_options, nullptr)) != -1) {
-    switch (opt) {
-      case 'l':
-        options.listen = optarg;
-        break;
-      case 'p':
-        if (!parse_number(optarg, options.port)) {
-          text = std::string("--port ") + optarg + ": not a port number, 0 to 65535\n";
-          return command_line::wrong;
-        }
-        break;
-      case 'b':
-        options.board = optarg;
-        break;
-      case 's':
-        options.sysroot = optarg;
-        break;
-      case 'k':
-        if (!parse_number(optarg, options.keep_files)) {
-          text = std::string("--keep-files ") + optarg + ": not a number\n";
-          return command_line::wrong;
-        }
-        break;
-      case 'n':
-        options.use_bpf = false;
-        break;
-      case 'h':
-        text = usage;
-        return command_line::done;
-      case 'v':
-        text = "mon_server " ZORVA_VERSION "\n";
-        return command_line::done;
-      default:  // getopt has said what is wrong
-        text = usage;
-        return command_line::wrong;
+    const command_line taken = take_option(opt, options, text);
+    if (taken != command_line::run) {
+      return taken;
     }
   }
   if (optind < argc) {

@@ -117,6 +117,8 @@ class program_builder {
     add(BPF_ALU64 | BPF_MOV | BPF_K, to, r0, 0, number);
   }
   void add_number(bpf_register to, int number) {
+    // BPF_ADD and BPF_K are both 0.
+    // NOLINTNEXTLINE(misc-redundant-expression)
     add(BPF_ALU64 | BPF_ADD | BPF_K, to, r0, 0, number);
   }
   void add_register(bpf_register to, bpf_register from) {
