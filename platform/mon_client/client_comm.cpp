@@ -75,14 +75,15 @@ int send_all(int fd, const std::vector<uint8_t>& bytes, int64_t deadline_ms) {
   return 0;
 }
 
-int receive_all(int fd, uint8_t* bytes, size_t length, int64_t deadline_ms) {
+// Receives `needed` bytes at least, `room` at most. Their number, or a negative errno.
+ssize_t receive_some(int fd, uint8_t* bytes, size_t needed, size_t room, int64_t deadline_ms) {
   size_t received = 0;
-  while (received < length) {
+  while (received < needed) {
     const int ret = wait_for(fd, POLLIN, deadline_ms);
     if (ret < 0) {
       return ret;
     }
-    const ssize_t some = recv(fd, bytes + received, length - received, 0);
+    const ssize_t some = recv(fd, bytes + received, room - received, 0);
     if (some == 0) {
       return -ECONNRESET;
     }
@@ -92,7 +93,7 @@ int receive_all(int fd, uint8_t* bytes, size_t length, int64_t deadline_ms) {
       return -errno;
     }
   }
-  return 0;
+  return static_cast<ssize_t>(received);
 }
 
 // A connected, non-blocking socket, or a negative errno.
@@ -241,21 +242,28 @@ int client_comm::exchange(uint16_t command, uint16_t sub_command, const void* pa
 
 int client_comm::receive_answer(const mon_protocol::message_header& asked,
                                 mon_protocol::message_header& answer, int64_t deadline_ms) {
-  uint8_t head[mon_protocol::header_size];
-  int ret = receive_all(fd, head, sizeof head, deadline_ms);
+  // Room for most answers, which then come with one read.
+  uint8_t first[mon_protocol::header_size + 4096];
+  ssize_t ret = receive_some(fd, first, mon_protocol::header_size, sizeof first, deadline_ms);
   if (ret < 0) {
-    return ret;
+    return static_cast<int>(ret);
   }
-  const std::string bad = mon_protocol::decode_header(head, mon_protocol::type_answer,
+  const std::string bad = mon_protocol::decode_header(first, mon_protocol::type_answer,
                                                       mon_protocol::max_answer_payload, answer);
   if (!bad.empty() || answer.command != asked.command || answer.sub_command != asked.sub_command ||
       answer.timestamp_us != asked.timestamp_us) {
     return -EBADMSG;
   }
+  const size_t got = static_cast<size_t>(ret) - mon_protocol::header_size;
+  if (got > answer.length) {
+    return -EBADMSG;  // nothing else has been asked
+  }
   recv_buf.resize(answer.length);
-  ret = receive_all(fd, recv_buf.data(), recv_buf.size(), deadline_ms);
+  std::copy_n(first + mon_protocol::header_size, got, recv_buf.begin());
+  const size_t missing = recv_buf.size() - got;
+  ret = receive_some(fd, recv_buf.data() + got, missing, missing, deadline_ms);
   if (ret < 0) {
-    return ret;
+    return static_cast<int>(ret);
   }
   return mon_protocol::crc_matches(answer, recv_buf.data()) ? 0 : -EBADMSG;
 }

@@ -8,7 +8,6 @@
 
 #include "samplers/board.h"
 #include "samplers/ion.h"
-#include "samplers/memory.h"
 #include "samplers/partitions.h"
 #include "samplers/thermal.h"
 
@@ -73,6 +72,16 @@ answer net_answer(session_state& state, machine_figures& figures) {
     return samplers::read_net_sample(*figures.root, sample);
   };
   return answer_rates(figures.net_devices, state.net_devices, read, samplers::net_rates);
+}
+
+answer memory_answer(session_state& state, machine_figures& figures) {
+  const auto read = [&](samplers::memory_sample& sample) {
+    return samplers::read_memory_sample(*figures.root, sample);
+  };
+  const auto newest = [](const samplers::memory_sample*, const samplers::memory_sample& now) {
+    return std::vector<meminfo>{now.info};
+  };
+  return answer_rates(figures.memory, state.memory, read, newest);
 }
 
 answer process_answer(const std::vector<uint8_t>& payload, session_state& state,
@@ -240,19 +249,13 @@ void handle_partitions(const std::vector<uint8_t>& payload, machine_figures& fig
   }
 }
 
-answer memory_answer(machine_figures& figures) {
-  meminfo info{};
-  const int ret = samplers::read_meminfo(*figures.root, info);
-  return ret < 0 ? status_only(ret) : success(std::vector<meminfo>{info});
-}
-
 void handle_peri(uint16_t sub_command, const std::vector<uint8_t>& payload, session_state& state,
                  machine_figures& figures, const replier& reply) {
   switch (sub_command) {
     case mon_protocol::peri_thermal:
       return handle_thermal(figures, reply);
     case mon_protocol::peri_meminfo:
-      return reply(memory_answer(figures));
+      return reply(memory_answer(state, figures));
     case mon_protocol::peri_ion:
       return handle_ion(figures, reply);
     case mon_protocol::peri_partitions:

@@ -14,6 +14,7 @@
 #include "samplers/blocks.h"
 #include "samplers/cpu.h"
 #include "samplers/file_reader.h"
+#include "samplers/memory.h"
 #include "samplers/net_devices.h"
 #include "samplers/process_sampler.h"
 #include "samplers/processes.h"
@@ -34,6 +35,7 @@ struct machine_figures {
   snapshot_source<samplers::process_sample> threads;
   snapshot_source<samplers::block_sample> blocks;
   snapshot_source<samplers::net_sample> net_devices;
+  snapshot_source<samplers::memory_sample> memory;
   samplers::process_sampler process_sampler;
   samplers::process_ranking process_ranking;
   counters_owner counters;
@@ -48,6 +50,7 @@ struct session_state {
   rate_interval<samplers::process_sample> threads;
   rate_interval<samplers::block_sample> blocks;
   rate_interval<samplers::net_sample> net_devices;
+  rate_interval<samplers::memory_sample> memory;
   bool net_monitor = false;
   counters_claim counters;
 };

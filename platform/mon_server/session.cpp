@@ -1,9 +1,11 @@
 #include "session.h"
 
+#include <algorithm>
 #include <asio/buffer.hpp>
-#include <asio/read.hpp>
+#include <asio/post.hpp>
 #include <asio/write.hpp>
 #include <chrono>
+#include <cstddef>
 #include <utility>
 
 namespace {
@@ -37,61 +39,60 @@ session::session(asio::ip::tcp::socket connection, uint32_t client_id, machine_f
   // Finds out about a client whose machine went away without a word.
   socket.set_option(asio::socket_base::keep_alive(true), ignored);
   socket.set_option(asio::socket_base::send_buffer_size(send_buffer_size), ignored);
+  socket.non_blocking(true, ignored);
 }
 
 void session::start() {
-  read_first();
+  read_more();
 }
 
-// Waits for a message to begin, for as long as it takes.
-void session::read_first() {
-  socket.async_read_some(asio::buffer(head),
+// Waits for a message to begin for as long as it takes, and for its rest until the deadline.
+void session::read_more() {
+  socket.async_read_some(asio::buffer(incoming.data() + filled, incoming.size() - filled),
                          [self = shared_from_this()](const asio::error_code& error, size_t length) {
                            if (self->over(error)) {
                              return;
                            }
-                           self->head_filled = length;
-                           self->begin_deadline();
-                           self->read_rest();
+                           self->filled += length;
+                           self->take_message();
                          });
 }
 
-void session::read_rest() {
-  asio::async_read(socket, asio::buffer(head.data() + head_filled, head.size() - head_filled),
-                   [self = shared_from_this()](const asio::error_code& error, size_t) {
-                     if (self->over(error)) {
-                       return;
-                     }
-                     self->take_header();
-                   });
-}
-
-void session::take_header() {
-  const std::string bad = mon_protocol::decode_header(head.data(), mon_protocol::type_request,
-                                                      mon_protocol::max_request_payload, request);
-  if (!bad.empty()) {
-    return end(bad);
-  }
-  payload.resize(request.length);
-  asio::async_read(socket, asio::buffer(payload),
-                   [self = shared_from_this()](const asio::error_code& error, size_t) {
-                     if (self->over(error)) {
-                       return;
-                     }
-                     self->take_message();
-                   });
-}
-
 void session::take_message() {
-  deadline.cancel();
-  if (!mon_protocol::crc_matches(request, payload.data())) {
+  size_t wanted = mon_protocol::header_size;
+  if (filled >= wanted) {
+    const std::string bad = mon_protocol::decode_header(
+        incoming.data(), mon_protocol::type_request, mon_protocol::max_request_payload, request);
+    if (!bad.empty()) {
+      return end(bad);
+    }
+    wanted += request.length;
+  }
+  if (filled < wanted) {
+    begin_deadline();
+    return read_more();
+  }
+  const uint8_t* first = incoming.data() + mon_protocol::header_size;
+  if (!mon_protocol::crc_matches(request, first)) {
     return end("CRC of a request does not match");
   }
+  payload.assign(first, first + request.length);
+  finish_message();
   handle_request(request, payload, state, figures,
                  [self = shared_from_this()](const answer& result) { self->answer_with(result); });
 }
 
-// The next request is read only now, so answers leave in the order of their requests.
+// Drops the message at the front, and moves what came behind it there.
+void session::finish_message() {
+  const size_t length = mon_protocol::header_size + request.length;
+  std::copy(incoming.begin() + length, incoming.begin() + filled, incoming.begin());
+  filled -= length;
+  if (std::exchange(deadline_runs, false)) {
+    deadline.cancel();
+  }
+}
+
+// The next request is taken only now, so answers leave in the order of their requests.
 void session::answer_with(const answer& result) {
   if (ended) {
     return;
@@ -110,17 +111,37 @@ void session::answer_with(const answer& result) {
     return end("answers are not read");
   }
   send();
-  read_first();
+  if (ended) {
+    return;
+  }
+  if (filled == 0) {
+    return read_more();
+  }
+  asio::post(socket.get_executor(), [self = shared_from_this()] {
+    if (!self->ended) {
+      self->take_message();
+    }
+  });
 }
 
+// Most answers go at once; what the client does not read fast enough waits.
 void session::send() {
   if (!outgoing.empty() || waiting.empty()) {
     return;
   }
+  asio::error_code error;
+  const size_t sent = socket.write_some(asio::buffer(waiting), error);
+  if (error && error != asio::error::would_block) {
+    return end("");
+  }
+  waiting.erase(waiting.begin(), waiting.begin() + static_cast<ptrdiff_t>(sent));
+  if (waiting.empty()) {
+    return;
+  }
   outgoing.swap(waiting);
   asio::async_write(socket, asio::buffer(outgoing),
-                    [self = shared_from_this()](const asio::error_code& error, size_t) {
-                      if (self->over(error)) {
+                    [self = shared_from_this()](const asio::error_code& failed, size_t) {
+                      if (self->over(failed)) {
                         return;
                       }
                       self->outgoing.clear();
@@ -138,6 +159,9 @@ bool session::over(const asio::error_code& error) {
 }
 
 void session::begin_deadline() {
+  if (std::exchange(deadline_runs, true)) {
+    return;
+  }
   deadline.expires_after(message_limit);
   deadline.async_wait([weak = weak_from_this()](const asio::error_code& error) {
     const auto self = weak.lock();

@@ -31,17 +31,17 @@ class session : public std::enable_shared_from_this<session> {
   void end(const std::string& why);
 
  private:
-  void read_first();
-  void read_rest();
-  void take_header();
+  void read_more();
   void take_message();
+  void finish_message();
   void answer_with(const answer& result);
   void send();
   void begin_deadline();
   bool over(const asio::error_code& error);
 
   asio::ip::tcp::socket socket;
-  asio::steady_timer deadline;  // of a message that has begun
+  asio::steady_timer deadline;  // of a message that has come in part
+  bool deadline_runs = false;
   const uint32_t id;
   std::string peer;  // address and port, for the log
   machine_figures& figures;
@@ -49,8 +49,9 @@ class session : public std::enable_shared_from_this<session> {
   std::function<void()> on_end;
   bool ended = false;
 
-  std::array<uint8_t, mon_protocol::header_size> head{};
-  size_t head_filled = 0;
+  // Room for the longest request: a whole one mostly comes with one read.
+  std::array<uint8_t, mon_protocol::header_size + mon_protocol::max_request_payload> incoming{};
+  size_t filled = 0;
   mon_protocol::message_header request{};
   std::vector<uint8_t> payload;
   session_state state;

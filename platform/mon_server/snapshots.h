@@ -62,25 +62,29 @@ struct rate_interval {
   // Ends the interval with `newest`. The same sample twice leaves the interval, and its rates, as
   // they were.
   void advance(std::shared_ptr<const sample> newest) {
+    asked_us = samplers::monotonic_us();
     if (newest != now) {
       before = std::move(now);
       now = std::move(newest);
     }
   }
   void reset() {
-    before.reset();
-    now.reset();
+    *this = {};
   }
 
-  // How old a sample may be to end the interval: half of the client's cycle. Ten clients then cost
-  // little more than one, and rates stay true, since they are over the time between samples. A
-  // tenth of a second is ten clock ticks, below which CPU shares would be mostly rounding.
+  // How old a sample may be to end the interval: four fifths of the client's cycle. However many
+  // clients there are, one sample a cycle then mostly serves them all, and rates stay true, since
+  // they are over the time between samples. A tenth of a second is ten clock ticks, below which CPU
+  // shares would be mostly rounding.
   int64_t young_us() const {
     constexpr int64_t shortest_us = 100000;
-    constexpr int64_t longest_us = 500000;
-    const int64_t cycle_us = now ? samplers::monotonic_us() - now->time_us : 0;
-    return std::clamp(cycle_us / 2, shortest_us, longest_us);
+    constexpr int64_t longest_us = 800000;
+    const int64_t cycle_us = now ? samplers::monotonic_us() - asked_us : 0;
+    return std::clamp(cycle_us * 4 / 5, shortest_us, longest_us);
   }
+
+ private:
+  int64_t asked_us = 0;  // when the client asked last
 };
 
 #endif

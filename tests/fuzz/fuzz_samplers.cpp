@@ -105,8 +105,8 @@ void read_zones(const tree& tree) {
 }
 
 void read_memory(const tree& tree) {
-  meminfo info{};
-  read_meminfo(*tree.machine, info);
+  memory_sample sample;
+  read_memory_sample(*tree.machine, sample);
   read_heaps(tree);
 }
 

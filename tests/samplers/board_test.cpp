@@ -65,14 +65,15 @@ TEST(thermal, zones_then_cooling_devices_by_number) {
 }
 
 TEST(memory, lines_that_are_missing_are_unknown) {
-  meminfo info{};
+  memory_sample sample;
+  const meminfo& info = sample.info;
   const auto show = [&] { return row(info.memTotal, info.memAvailable, info.cached, info.file); };
-  ASSERT_EQ(read_meminfo(machine, info), 0);
+  ASSERT_EQ(read_memory_sample(machine, sample), 0);
   EXPECT_EQ(show(), "4040000 - 900000 -\n");  // not SwapCached
-  ASSERT_EQ(read_meminfo(fixture("cpu64"), info), 0);
+  ASSERT_EQ(read_memory_sample(fixture("cpu64"), sample), 0);
   EXPECT_EQ(show(), "65536000 52000000 9000000 9500000\n");
   EXPECT_EQ(info.anon, 2400000U);
-  EXPECT_LT(read_meminfo(nothing, info), 0);
+  EXPECT_LT(read_memory_sample(nothing, sample), 0);
   EXPECT_EQ(show(), "- - - -\n");
 }
 

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <string>
 
+#include "samplers/clock.h"
 #include "samplers/text.h"
 
 namespace samplers {
@@ -33,10 +34,11 @@ int parse_meminfo(std::string_view text, meminfo& info) {
   return info.memTotal == unknown_u64 ? -EBADMSG : 0;
 }
 
-int read_meminfo(const file_reader& machine, meminfo& info) {
+int read_memory_sample(const file_reader& machine, memory_sample& sample) {
   std::string content;
   const int error = machine.read("proc/meminfo", content);
-  const int result = parse_meminfo(content, info);
+  sample.time_us = monotonic_us();
+  const int result = parse_meminfo(content, sample.info);
   return error != 0 ? error : result;
 }
 

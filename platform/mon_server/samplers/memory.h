@@ -15,7 +15,13 @@ uint64_t meminfo_value(std::string_view text, std::string_view name);
 
 // A line that is missing makes its figure unknown_u64.
 int parse_meminfo(std::string_view text, meminfo& info);
-int read_meminfo(const file_reader& machine, meminfo& info);
+
+struct memory_sample {
+  int64_t time_us = 0;
+  meminfo info{};
+};
+
+int read_memory_sample(const file_reader& machine, memory_sample& sample);
 
 }  // namespace samplers
 
