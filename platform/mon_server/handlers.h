@@ -22,6 +22,21 @@
 #include "slow_reader.h"
 #include "snapshots.h"
 
+// The process list that was made last; clients of one view and sort key mostly ask for the same.
+struct ranked_processes {
+  // False when the list is of other samples, another view or another key; then it is the caller's
+  // to make.
+  bool is_of(const rate_interval<samplers::process_sample>& interval, int key);
+
+  std::vector<uint8_t> list;
+
+ private:
+  int64_t before_us = 0;  // -1 without a sample before
+  int64_t now_us = 0;
+  bool threads = false;
+  int sort_key = 0;
+};
+
 // The machine as all sessions see it.
 struct machine_figures {
   machine_figures(asio::io_context& loop, const server_options& options);
@@ -38,6 +53,7 @@ struct machine_figures {
   snapshot_source<samplers::memory_sample> memory;
   samplers::process_sampler process_sampler;
   samplers::process_ranking process_ranking;
+  ranked_processes ranked;
   counters_owner counters;
   slow_reader drivers;     // thermal, ION, BPU, VIO
   slow_reader partitions;  // apart from the drivers: dead mounts take none of their threads
