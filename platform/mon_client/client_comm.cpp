@@ -242,8 +242,8 @@ int client_comm::exchange(uint16_t command, uint16_t sub_command, const void* pa
 
 int client_comm::receive_answer(const mon_protocol::message_header& asked,
                                 mon_protocol::message_header& answer, int64_t deadline_ms) {
-  // Room for most answers, which then come with one read.
-  uint8_t first[mon_protocol::header_size + 4096];
+  // Room for most answers, the full process list among them, which then come with one read.
+  uint8_t first[mon_protocol::header_size + 12 * 1024];
   ssize_t ret = receive_some(fd, first, mon_protocol::header_size, sizeof first, deadline_ms);
   if (ret < 0) {
     return static_cast<int>(ret);

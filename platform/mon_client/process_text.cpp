@@ -22,13 +22,13 @@ constexpr size_t least_pid_width = 5;
 constexpr size_t most_pid_width = 7;
 
 std::string pid_text(int32_t pid) {
-  const std::string text = fmt::format("{}", pid);
+  const std::string text = text_tools::whole_number(pid);
   return pid < 0 || text.size() > most_pid_width ? text_tools::unknown_text : text;
 }
 
 std::string priority_text(int16_t priority) {
   // As top(1): real-time priorities, -2 and below, are all "rt" when they would not fit.
-  return priority < -99 ? "rt" : fmt::format("{:d}", std::min<int>(priority, 999));
+  return priority < -99 ? "rt" : text_tools::whole_number(std::min<int>(priority, 999));
 }
 
 std::string rss_text(int64_t kib) {
@@ -69,16 +69,24 @@ std::string header(size_t pid_width, int total, int sort_key, bool threads) {
                      std::max(total, 0), key_name(sort_key));
 }
 
-std::string line(size_t pid_width, const pid_msg& msg) {
-  const char state[1] = {msg.state};
-  const std::string processor =
-      msg.processor < 0 || msg.processor > 999 ? "-" : fmt::format("{:d}", msg.processor);
-  return fmt::format("{:>{}} {:>{}} {:1} {:>3} {:>3} {:>5} {:>5} {:>8} {:>9} {:>6} {}\n",
-                     pid_text(msg.pid), pid_width, pid_text(msg.ppid), pid_width,
-                     text_tools::clean_name(state), priority_text(msg.priority), processor,
-                     figure(msg.process_usage, 5), figure(msg.bpu_usage, 5),
-                     figure(msg.io_per_second, 8), figure(msg.net_band, 9), rss_text(msg.rss),
-                     text_tools::clean_name(msg.comm));
+void append_line(std::string& text, size_t pid_width, const pid_msg& msg) {
+  const auto column = [&text](const std::string& figure, size_t width) {
+    text_tools::append_right(text, figure, width);
+    text += ' ';
+  };
+  const bool known_processor = msg.processor >= 0 && msg.processor <= 999;
+  column(pid_text(msg.pid), pid_width);
+  column(pid_text(msg.ppid), pid_width);
+  column(text_tools::clean_name(&msg.state, 1), 1);
+  column(priority_text(msg.priority), 3);
+  column(known_processor ? text_tools::whole_number(msg.processor) : "-", 3);
+  column(figure(msg.process_usage, 5), 5);
+  column(figure(msg.bpu_usage, 5), 5);
+  column(figure(msg.io_per_second, 8), 8);
+  column(figure(msg.net_band, 9), 9);
+  column(rss_text(msg.rss), 6);
+  text += text_tools::clean_name(msg.comm);
+  text += '\n';
 }
 
 }  // namespace
@@ -90,7 +98,7 @@ std::string processes(const std::vector<pid_msg>& list, int total, int sort_key,
   }
   std::string text = header(pid_width, total, sort_key, threads);
   for (const pid_msg& msg : list) {
-    text += line(pid_width, msg);
+    append_line(text, pid_width, msg);
   }
   return text;
 }

@@ -43,6 +43,12 @@ std::string count_text(double value);
 // end at the end.
 std::string side_by_side(std::string_view lead, const std::vector<std::string>& items);
 
+// In decimal.
+std::string whole_number(int64_t number);
+
+// Appends `text`, with blanks before it that make it `width` columns.
+void append_right(std::string& line, std::string_view text, size_t width);
+
 template <size_t size>
 std::string clean_name(const char (&name)[size]) {
   return clean_name(name, size);
