@@ -18,21 +18,29 @@
 
 namespace {
 
-void open_log_file() {
+// With a board's own log library there is no such call, neither when we are built against it nor
+// when it takes the place of ours later.
+int log_to_file(const char* path) {
 #ifdef ZORVA_OWN_LOG
+  if (zorva_log_to_file != nullptr) {
+    return zorva_log_to_file(path);
+  }
+#endif
+  static_cast<void>(path);
+  return -ENOSYS;
+}
+
+void open_log_file() {
   if (manager.log_file.empty()) {
     return;
   }
-  if (zorva_log_to_file == nullptr) {
+  const int ret = log_to_file(manager.log_file.c_str());
+  if (ret == -ENOSYS) {
     std::cerr << "zorva: -l has no effect with this log library" << std::endl;
-    return;
-  }
-  const int ret = zorva_log_to_file(manager.log_file.c_str());
-  if (ret < 0) {
+  } else if (ret < 0) {
     std::cerr << "zorva: cannot open log file " << manager.log_file << ": " << strerror(-ret)
               << "; the log goes to syslog" << std::endl;
   }
-#endif
 }
 
 void run_reports() {

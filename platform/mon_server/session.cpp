@@ -61,8 +61,8 @@ void session::read_more() {
 void session::take_message() {
   size_t wanted = mon_protocol::header_size;
   if (filled >= wanted) {
-    const std::string bad = mon_protocol::decode_header(
-        incoming.data(), mon_protocol::type_request, mon_protocol::max_request_payload, request);
+    const std::string bad = mon_protocol::decode_header(incoming.data(), mon_protocol::type_request,
+                                                        mon_protocol::max_request_payload, request);
     if (!bad.empty()) {
       return end(bad);
     }

@@ -68,9 +68,7 @@ struct rate_interval {
       now = std::move(newest);
     }
   }
-  void reset() {
-    *this = {};
-  }
+  void reset() { *this = {}; }
 
   // How old a sample may be to end the interval: four fifths of the client's cycle. However many
   // clients there are, one sample a cycle then mostly serves them all, and rates stay true, since
