@@ -1,4 +1,5 @@
-// A log library that appends each message, its priority before it, to the file that BOARD_LOG names.
+// A log library that appends each message, its priority before it, to the file that BOARD_LOG
+// names.
 #include <android/log.h>
 
 #include <cstdarg>

@@ -13,6 +13,7 @@
 #include "net_stat_manager.h"
 #include "peri_stat_manager.h"
 #include "scripted_server.h"
+#include "vio_info_manager.h"
 
 namespace {
 
@@ -107,6 +108,101 @@ TEST(answers, bad_ones_are_refused_and_print_nothing) {
     EXPECT_EQ(bpu.get_bpu_ratio_all(&text), row.status) << row.name;
     EXPECT_EQ(text.str(), "") << row.name;
   }
+}
+
+// A bad answer of many: cut to `way` bytes, or, from its size on, with one bit flipped.
+void spoil(bytes& message, size_t way) {
+  if (way < message.size()) {
+    message.resize(way);
+  } else {
+    const size_t bit = way - message.size();
+    message[bit / 8] ^= static_cast<uint8_t>(1 << bit % 8);
+  }
+}
+
+// Answers queries with `payload`, first as it is and then spoilt in each way; hangs up behind
+// those.
+struct spoiling_server {
+  void check(const char* name, const std::function<int(std::ostream*)>& ask, const bytes& answer) {
+    const size_t ways = 9 * (mon_protocol::header_size + answer.size());
+    for (size_t turn = 0; turn <= ways; ++turn) {
+      {
+        const std::lock_guard<std::mutex> guard(lock);
+        payload = answer;
+        spoilt = turn;
+      }
+      std::ostringstream text;
+      const int status = ask(&text);
+      ASSERT_EQ(status<0, turn> 0) << name << " turn " << turn;
+      ASSERT_EQ(text.str().empty(), turn > 0) << name << " turn " << turn;
+    }
+  }
+
+  std::mutex lock;  // guards what follows
+  bytes payload;
+  size_t spoilt = 0;
+
+  const scripted_server server{[this](tcp::socket& client) {
+    message_header request{};
+    bool good = true;
+    while (good && read_message(client, request)) {
+      bytes message = answer_to(request);
+      if (request.command != mon_protocol::cmd_connection) {
+        const std::lock_guard<std::mutex> guard(lock);
+        message = answer_to(request, 0, payload);
+        good = spoilt == 0;
+        if (!good) {
+          spoil(message, spoilt - 1);
+        }
+      }
+      send_bytes(client, message);
+    }
+  }};
+};
+
+TEST(answers, every_cut_and_every_flipped_bit_is_found) {
+  spoiling_server spoiler;
+  const int port = spoiler.server.port;
+  {
+    cpu_stat_manager cpu(loopback, port);
+    bytes list(8 + sizeof(pid_msg));
+    list[0] = list[4] = 1;
+    spoiler.check(
+        "cpu", [&](auto* os) { return cpu.get_cpu_usage(os); }, bytes(sizeof(cpu_usage)));
+    spoiler.check(
+        "processes", [&](auto* os) { return cpu.get_process_all(1, os); }, list);
+    spoiler.check(
+        "perf", [&](auto* os) { return cpu.get_perf_data(os); }, bytes(sizeof(perf_sample)));
+  }
+  {
+    peri_stat_manager peri(loopback, port);
+    std::vector<const char*> parts = {"/log"};
+    bytes part(sizeof(part_info));
+    std::strcpy(reinterpret_cast<char*>(part.data()), "/log");
+    spoiler.check(
+        "thermal", [&](auto* os) { return peri.get_all_thermal(os); }, bytes(sizeof(thermal_stat)));
+    spoiler.check(
+        "memory", [&](auto* os) { return peri.get_meminfo(os); }, bytes(sizeof(meminfo)));
+    spoiler.check(
+        "ion", [&](auto* os) { return peri.get_ion_info(os); }, bytes(sizeof(ion_info)));
+    spoiler.check(
+        "parts", [&](auto* os) { return peri.get_partition_info(parts, os); }, part);
+    spoiler.check(
+        "blocks", [&](auto* os) { return peri.get_block_usage(os); }, bytes(sizeof(block_stat)));
+  }
+  {
+    bpu_ratio_manager bpu(loopback, port);
+    spoiler.check(
+        "bpu", [&](auto* os) { return bpu.get_bpu_ratio_all(os); }, bytes(sizeof(bpu_stat)));
+  }
+  {
+    vio_info_manager vio(loopback, port);
+    spoiler.check(
+        "vio", [&](auto* os) { return vio.sort_all_vio_fps(os); }, bytes(sizeof(vio_stat)));
+  }
+  net_stat_manager net(loopback, port);
+  spoiler.check(
+      "net", [&](auto* os) { return net.get_bandwidth_stat(os); }, bytes(sizeof(net_stat)));
 }
 
 TEST(answers, process_list_counts_must_agree) {

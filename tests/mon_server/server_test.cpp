@@ -1,7 +1,10 @@
 // The server over its socket: what it answers, what it refuses, and what clients notice of each
 // other.
 #include <gmock/gmock.h>
+#include <sys/resource.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <sstream>
 
@@ -112,11 +115,84 @@ TEST(server, bad_messages_close_their_connection_only) {
     read_to_end(connection.socket);
     check_answers(bystander);
   }
-  // A client that leaves in the middle of a message.
-  for (long length = 1; length < 36; ++length) {
-    raw_connection connection(server.port);
-    EXPECT_TRUE(send_bytes(connection.socket, {hello.begin(), hello.end() - length}));
+}
+
+// A request of each kind, with payload where the kind has one.
+std::vector<bytes> valid_requests() {
+  std::vector<bytes> all;
+  const std::pair<uint16_t, uint16_t> kinds[] = {{1, 2}, {2, 6}, {3, 5}, {4, 1}, {5, 1}, {6, 3}};
+  for (const auto& [command, last] : kinds) {
+    for (uint16_t sub_command = 1; sub_command <= last; ++sub_command) {
+      bytes payload;
+      if (command == 2 && sub_command == mon_protocol::cpu_process_list) {
+        payload = {1, 0, 0, 0};
+      } else if (command == 3 && sub_command == mon_protocol::peri_partitions) {
+        payload.resize(32);
+        payload[0] = '/';
+      }
+      all.push_back(request(command, sub_command, payload));
+    }
   }
+  return all;
+}
+
+// Sends it, and nothing after it; what comes back until the server closes the connection.
+size_t bytes_answered_to(int port, const bytes& message) {
+  raw_connection connection(port);
+  // The server is the first to close: this leaves no trace of the connection in the kernel.
+  connection.socket.set_option(asio::socket_base::linger(true, 0));
+  asio::error_code error;
+  asio::write(connection.socket, asio::buffer(message), error);
+  connection.socket.shutdown(tcp::socket::shutdown_send, error);
+  return read_to_end(connection.socket);
+}
+
+TEST(server, every_cut_and_every_flipped_bit_of_a_request_is_found) {
+  const running_server server;
+  peri_stat_manager bystander(loopback, server.port);
+  for (const bytes& message : valid_requests()) {
+    const std::string name = testing::PrintToString(message);
+    EXPECT_GE(bytes_answered_to(server.port, message), mon_protocol::header_size) << name;
+    for (size_t length = 0; length < message.size(); ++length) {
+      const bytes cut(message.begin(), message.begin() + static_cast<std::ptrdiff_t>(length));
+      ASSERT_EQ(bytes_answered_to(server.port, cut), 0U) << name << " cut to " << length;
+    }
+    for (size_t bit = 0; bit < message.size() * 8; ++bit) {
+      bytes flipped = message;
+      flipped[bit / 8] ^= static_cast<uint8_t>(1 << bit % 8);
+      ASSERT_EQ(bytes_answered_to(server.port, flipped), 0U) << name << " bit " << bit;
+    }
+    check_answers(bystander);
+  }
+}
+
+// Sets the soft limit of descriptors, and sets it back.
+struct descriptor_limit {
+  explicit descriptor_limit(rlim_t most) {
+    getrlimit(RLIMIT_NOFILE, &before);
+    const rlimit now{std::min(most, before.rlim_max), before.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &now);
+  }
+  ~descriptor_limit() { setrlimit(RLIMIT_NOFILE, &before); }
+  rlimit before{};
+};
+
+// Without a descriptor left nobody new is taken and no file is read; connections live on, and it
+// all comes back.
+TEST(server, goes_on_without_a_free_descriptor) {
+  const running_server server;
+  peri_stat_manager bystander(loopback, server.port);
+  check_answers(bystander);
+  raw_connection next(server.port, raw_connection::later);
+  {
+    const int free_descriptor = dup(0);
+    close(free_descriptor);
+    const descriptor_limit none(static_cast<rlim_t>(free_descriptor));
+    next.connect();
+    std::ostringstream text;
+    EXPECT_TRUE(wait_until([&] { return bystander.get_meminfo(&text) == -EMFILE; }));
+  }
+  EXPECT_EQ(status_of(next, request(1, mon_protocol::connection_hello)), 0);
   check_answers(bystander);
 }
 
@@ -134,7 +210,8 @@ TEST(server, limits_close_slow_writers_and_those_who_do_not_read) {
   read_to_end(slow_writer.socket);
 }
 
-TEST(server, takes_64_connections_and_then_more_when_one_goes) {
+TEST(server, takes_64_of_1000_connections_and_then_more_when_one_goes) {
+  const descriptor_limit enough(4096);
   const running_server server;
   std::vector<std::unique_ptr<raw_connection>> all;
   const bytes hello = request(1, mon_protocol::connection_hello);
@@ -142,8 +219,13 @@ TEST(server, takes_64_connections_and_then_more_when_one_goes) {
     all.push_back(std::make_unique<raw_connection>(server.port));
     ASSERT_EQ(status_of(*all.back(), hello), 0);
   }
-  raw_connection one_more(server.port);
-  read_to_end(one_more.socket);
+  std::vector<std::unique_ptr<raw_connection>> too_many;
+  for (int i = 0; i < 936; ++i) {
+    too_many.push_back(std::make_unique<raw_connection>(server.port));
+  }
+  for (const auto& one : too_many) {
+    read_to_end(one->socket);
+  }
   EXPECT_EQ(status_of(*all.front(), hello), 0);
   all.pop_back();
   EXPECT_TRUE(wait_until([&] {

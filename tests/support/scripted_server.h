@@ -39,12 +39,14 @@ inline bool send_bytes(tcp::socket& socket, const bytes& message) {
   return !error;
 }
 
-// Returns when the other side has closed the connection.
-inline void read_to_end(tcp::socket& socket) {
+// Returns when the other side has closed the connection: how many bytes came until then.
+inline size_t read_to_end(tcp::socket& socket) {
   asio::error_code error;
+  size_t all = 0;
   for (bytes some(4096); !error;) {
-    socket.read_some(asio::buffer(some), error);
+    all += socket.read_some(asio::buffer(some), error);
   }
+  return all;
 }
 
 class loopback_user {
@@ -56,7 +58,15 @@ class loopback_user {
 };
 
 struct raw_connection : loopback_user {
-  explicit raw_connection(int port) { socket.connect(loopback(port)); }
+  enum when { at_once, later };
+  explicit raw_connection(int to_port, when moment = at_once) : port(to_port) {
+    socket.open(tcp::v4());
+    if (moment == at_once) {
+      connect();
+    }
+  }
+  void connect() { socket.connect(loopback(port)); }
+  const int port;
   tcp::socket socket{context};
 };
 

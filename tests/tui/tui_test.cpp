@@ -164,6 +164,16 @@ TEST(tui, records_go_to_the_output_file) {
   EXPECT_NE(records.find("]\nPID head\n  1 init\n"), std::string::npos);
 }
 
+TEST(tui, a_full_disk_under_the_output_file_changes_nothing) {
+  // Enough for the stream's buffer to be written a few times.
+  const std::string long_text =
+      "get_process_all\ttext=PID head\\n" + std::string(4000, 'x') + "\\n\n";
+  tui_run run({"-d", "20", "-o", "/dev/full"}, long_text);
+  EXPECT_TRUE(
+      wait_until([] { return fake_mon_client::times_recorded("get_cpu_usage other") > 40; }));
+  run.quit();
+}
+
 // Every end puts the terminal back, wherever the threads are.
 TEST(tui, every_end_leaves_the_terminal_as_it_was) {
   struct ending {
