@@ -1,9 +1,11 @@
 // Processes and threads: their files, their figures from each source, and the lists made of them.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <linux/capability.h>
 #include <netinet/in.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -374,6 +376,39 @@ TEST(process_net, bytes_go_to_the_process_that_has_the_socket) {
   }
   EXPECT_GE(heirs, 140000U);
   EXPECT_LT(own_bytes(), 262000U);
+}
+
+// A thread of the test gives its capabilities up; what another user's process has open it may not
+// see then, and must not show as 0.
+TEST(process_net, of_processes_that_may_not_be_seen_is_unknown) {
+  if (geteuid() != 0) {
+    GTEST_SKIP() << "only root can start another user's process";
+  }
+  const child others([] {
+    EXPECT_EQ(setuid(65534), 0);
+    pause_for_ever();
+  });
+  const auto figures_seen = [&others] {
+    process_sampler sampler = sampler_of("/");
+    process_sample sample;
+    EXPECT_EQ(sampler.read(false, 0, sample), 0);
+    const process_entry& one = entry_in(sample, others.pid);
+    return std::make_pair(one.descriptors_seen, one.net_bytes != unknown_u64);
+  };
+  const auto [seen_by_root, known_to_root] = figures_seen();
+  if (!seen_by_root) {
+    GTEST_SKIP() << "root may not see other users' processes here";
+  }
+  std::thread([&] {
+    __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+    __user_cap_data_struct none[_LINUX_CAPABILITY_U32S_3] = {};
+    ASSERT_EQ(syscall(SYS_capset, &header, none), 0);
+    EXPECT_EQ(figures_seen(), std::make_pair(false, false));
+    process_sampler sampler = sampler_of("/");
+    process_sample sample;
+    EXPECT_EQ(sampler.read(false, 0, sample), 0);
+    EXPECT_EQ(entry_in(sample, getpid()).net_bytes != unknown_u64, known_to_root);
+  }).join();
 }
 
 std::string drm_text(const std::string& id, uint64_t npu_ns) {

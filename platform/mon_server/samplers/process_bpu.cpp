@@ -103,7 +103,7 @@ void process_bpu::add_to(const file_reader& machine, process_sample& sample) {
     look_for_files(machine, sample);
   }
   read_files(machine, sample);
-  fill_in(machine, sample);
+  fill_in(sample);
 }
 
 void process_bpu::forget_all() {
@@ -186,10 +186,9 @@ void process_bpu::take_usage(const drm_usage& usage, const process_entry& proces
   known = {usage.busy_ns, turn};
 }
 
-void process_bpu::fill_in(const file_reader& machine, process_sample& sample) const {
+void process_bpu::fill_in(process_sample& sample) const {
   for (process_entry& entry : sample.entries) {
-    // Whose namespaces may not be seen, their descriptors may not either.
-    if (entry.net_namespace != 0 || !machine.own_machine) {
+    if (entry.descriptors_seen) {
       const auto account = owners.find(sample.process_of(entry));
       entry.bpu_ns = account == owners.end() ? 0 : account->second.busy_ns;
     }

@@ -54,7 +54,7 @@ class process_bpu {
   void look_for_files(const file_reader& machine, const process_sample& sample);
   void read_files(const file_reader& machine, const process_sample& sample);
   void take_usage(const drm_usage& usage, const process_entry& process);
-  void fill_in(const file_reader& machine, process_sample& sample) const;
+  void fill_in(process_sample& sample) const;
 
   file_descriptor openings;  // inotify(7): a device was opened
   bool searching = true;     // a device was opened, and not all processes have been asked since

@@ -1,5 +1,10 @@
 #include "samplers/process_descriptors.h"
 
+#include <linux/capability.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <vector>
@@ -8,6 +13,13 @@ namespace samplers {
 namespace {
 
 constexpr size_t path_size = 64;
+
+// A process may become another user's, when it runs a program that has the set-user-ID bit: what is
+// known of each is asked for again after so many samples.
+constexpr uint32_t forget_turns = 64;
+
+// Inode number of the user namespace that the system started with (include/linux/proc_ns.h).
+constexpr ino_t initial_user_namespace = 0xeffffffd;
 
 }  // namespace
 
@@ -34,6 +46,42 @@ int for_each_descriptor(const file_reader& machine, int32_t pid,
     }
   }
   return result;
+}
+
+// Capabilities of another user namespace than the first say nothing about everybody.
+bool descriptor_rights::may_see_everybody() {
+  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
+  __user_cap_data_struct sets[_LINUX_CAPABILITY_U32S_3] = {};
+  struct stat users {};
+  if (syscall(SYS_capget, &header, sets) != 0 || stat("/proc/self/ns/user", &users) != 0) {
+    return false;
+  }
+  constexpr uint32_t wanted = 1U << CAP_SYS_PTRACE | 1U << CAP_DAC_READ_SEARCH;
+  return (sets[0].effective & wanted) == wanted && users.st_ino == initial_user_namespace;
+}
+
+// Opening the folder takes the rights of its owner, and following what is in it those to trace the
+// process, which following another link tells just as well.
+bool descriptor_rights::may_see(const file_reader& machine, const process_entry& process) {
+  asked& known = processes[process.pid];
+  if (known.start_ticks != process.start_ticks) {
+    char path[path_size];
+    char target[1];
+    std::snprintf(path, sizeof path, "proc/%d/cwd", process.pid);
+    known = {process.start_ticks, machine.read_link(path, target, sizeof target) > 0};
+    std::snprintf(path, sizeof path, "proc/%d/fd", process.pid);
+    known.seen = known.seen && machine.open_folder(path);
+  }
+  return known.seen;
+}
+
+void descriptor_rights::add_to(const file_reader& machine, process_sample& sample) {
+  if (++turn % forget_turns == 0) {
+    processes.clear();
+  }
+  for (process_entry& entry : sample.entries) {
+    entry.descriptors_seen = everybody || !machine.own_machine || may_see(machine, entry);
+  }
 }
 
 }  // namespace samplers

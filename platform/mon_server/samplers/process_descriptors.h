@@ -5,8 +5,10 @@
 #include <cstdint>
 #include <functional>
 #include <string_view>
+#include <unordered_map>
 
 #include "samplers/file_reader.h"
+#include "samplers/processes.h"
 
 namespace samplers {
 
@@ -26,6 +28,27 @@ class descriptor_link {
 // first, until it returns false. 0 or a negative errno.
 int for_each_descriptor(const file_reader& machine, int32_t pid,
                         const std::function<bool(int32_t, std::string_view)>& take);
+
+// Whose descriptors this server may see: everybody's with CAP_SYS_PTRACE and CAP_DAC_READ_SEARCH,
+// else mostly those of its own user, as each process is asked for.
+class descriptor_rights {
+ public:
+  // Fills in descriptors_seen.
+  void add_to(const file_reader& machine, process_sample& sample);
+
+ private:
+  struct asked {
+    uint64_t start_ticks = UINT64_MAX;
+    bool seen = false;
+  };
+
+  const bool everybody = may_see_everybody();
+  uint32_t turn = 0;                             // counts samples
+  std::unordered_map<int32_t, asked> processes;  // by process id
+
+  static bool may_see_everybody();
+  bool may_see(const file_reader& machine, const process_entry& process);
+};
 
 }  // namespace samplers
 

@@ -116,8 +116,7 @@ void process_net::find_owners(const file_reader& machine, const process_sample& 
     }
   }
   const bool round_completed = walk.go_on(sample, [&](const process_entry& process) {
-    const bool readable = process.net_namespace == own_namespace;
-    return !readable || !ask_process(machine, sample, process);
+    return !is_counted(process) || !ask_process(machine, sample, process);
   });
   if (!round_completed) {
     return;
@@ -126,6 +125,10 @@ void process_net::find_owners(const file_reader& machine, const process_sample& 
     one.socket->tries = std::min(one.socket->tries + 1, longest_pause);
     one.socket->next_try = turn + std::min(1U << std::min(one.socket->tries, 8U), longest_pause);
   }
+}
+
+bool process_net::is_counted(const process_entry& process) const {
+  return process.descriptors_seen && process.net_namespace == own_namespace;
 }
 
 bool process_net::may_have_others(const process_sample& sample, const process_entry& process) {
@@ -189,7 +192,7 @@ void process_net::forget_gone(const process_sample& sample) {
 
 void process_net::fill_in(process_sample& sample) const {
   for (process_entry& entry : sample.entries) {
-    if (entry.net_namespace == own_namespace) {
+    if (is_counted(entry)) {
       const auto account = owners.find(sample.process_of(entry));
       entry.net_bytes = account == owners.end() ? 0 : account->second.bytes;
     }

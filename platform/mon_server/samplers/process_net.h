@@ -23,7 +23,8 @@ namespace samplers {
 class process_net {
  public:
   // Fills in net_bytes. It stays unknown for processes of another network namespace, for those
-  // whose namespace this server may not know, and in a tree that stands in for the machine.
+  // whose namespace or descriptors this server may not see, and in a tree that stands in for the
+  // machine.
   // The kernel walks its whole table of connections for a dump, however few there are, so that one
   // younger than `young_us` is used again.
   void add_to(const file_reader& machine, int64_t young_us, process_sample& sample);
@@ -58,6 +59,7 @@ class process_net {
   void find_owners(const file_reader& machine, const process_sample& sample);
   bool ask_process(const file_reader& machine, const process_sample& sample,
                    const process_entry& process);
+  bool is_counted(const process_entry& process) const;
   bool may_have_others(const process_sample& sample, const process_entry& process);
   void credit(const process_sample& sample, int32_t pid, uint64_t bytes);
   void forget_gone(const process_sample& sample);

@@ -50,6 +50,7 @@ int process_sampler::read(bool threads, int64_t net_young_us, process_sample& sa
   sample.uptime_ticks = read_uptime(*reader, sample.ticks_per_second);
   const int result = read_entries(sample);
   sort_entries(sample);
+  descriptors.add_to(*reader, sample);
   net.add_to(*reader, net_young_us, sample);
   bpu.add_to(*reader, sample);
   return result;

@@ -9,6 +9,7 @@
 
 #include "samplers/file_reader.h"
 #include "samplers/process_bpu.h"
+#include "samplers/process_descriptors.h"
 #include "samplers/process_files.h"
 #include "samplers/process_net.h"
 #include "samplers/processes.h"
@@ -53,6 +54,7 @@ class process_sampler {
   uint32_t tasks_turn = 0;        // counts samples of the iterator
   std::vector<int32_t> hidden;    // processes that it does not see
   std::vector<int32_t> left_out;  // those, and the ones that it has no consistent figures of
+  descriptor_rights descriptors;
   process_net net;
   process_bpu bpu;
 };

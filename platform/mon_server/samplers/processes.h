@@ -23,13 +23,14 @@ struct process_entry {
   int32_t ppid = 0;    // in thread view the process id
   char comm[16] = {};  // raw bytes, at most 15
   char state = '?';
-  int16_t priority = 0;        // saturated
-  int16_t processor = 0;       // saturated
-  int32_t num_threads = 0;     // of the process
-  uint32_t net_namespace = 0;  // inode number of its network namespace, 0 if unknown
-  uint64_t start_ticks = 0;    // since boot; tells a process from the pid's next owner
-  uint64_t cpu_ns = 0;         // user and system time
-  uint64_t activity = 0;       // changes whenever it has run; 0 if unknown
+  bool descriptors_seen = false;  // this server may see the process's open descriptors
+  int16_t priority = 0;           // saturated
+  int16_t processor = 0;          // saturated
+  int32_t num_threads = 0;        // of the process
+  uint32_t net_namespace = 0;     // inode number of its network namespace, 0 if unknown
+  uint64_t start_ticks = 0;       // since boot; tells a process from the pid's next owner
+  uint64_t cpu_ns = 0;            // user and system time
+  uint64_t activity = 0;          // changes whenever it has run; 0 if unknown
   // Read from and written to storage. The kernel adds those of a child to its parent when the
   // parent has waited for it; a thread's are its own.
   uint64_t io_bytes = unknown_u64;
