@@ -272,13 +272,13 @@ void handle_peri(uint16_t sub_command, const std::vector<uint8_t>& payload, sess
 void handle_net(uint16_t sub_command, session_state& state, machine_figures& figures,
                 const replier& reply) {
   switch (sub_command) {
-    case mon_protocol::net_start: {
+    case mon_protocol::net_start:
       state.net_devices.reset();
-      // The first sample, which the first answer's rates start from.
-      const answer first = net_answer(state, figures);
-      state.net_monitor = first.status == 0;
-      return reply(status_only(first.status));
-    }
+      state.net_monitor = true;
+      // The first sample, which the first answer's rates start from. That it may not be had now
+      // keeps nobody from asking later.
+      net_answer(state, figures);
+      return reply({});
     case mon_protocol::net_bandwidth:
       return reply(state.net_monitor ? net_answer(state, figures) : status_only(-EINVAL));
     case mon_protocol::net_exit:

@@ -248,11 +248,14 @@ TEST(server, each_client_has_rates_over_its_own_interval) {
   const auto received = [&tree](const std::string& total) {
     tree.write("proc/net/dev", "eth0: " + total + " 1 0 0 0 0 0 0 0 0 0 0 0 0 0 0\n");
   };
-  received("0");
   server_options options;
   options.sysroot = tree.path;
   const running_server server(options);
   net_stat_manager early(loopback, server.port);
+  std::ostringstream text;
+  EXPECT_EQ(early.start_net_monitor(), 0) << "there is nothing to read yet";
+  EXPECT_EQ(early.get_bandwidth_stat(&text), -ENOENT);
+  received("0");
   EXPECT_EQ(early.start_net_monitor(), 0);
   received("1048576");
   net_stat_manager late(loopback, server.port);
