@@ -45,12 +45,10 @@ answer success(const std::vector<record>& records) {
 template <class sample, class reader, class rates>
 answer answer_rates(snapshot_source<sample>& source, rate_interval<sample>& interval, reader read,
                     rates rates_of) {
-  int error = 0;
-  auto newest = source.newest(interval.young_us(), read, error);
-  if (!newest) {
+  const int error = source.end_interval(interval, read);
+  if (error < 0) {
     return status_only(error);
   }
-  interval.advance(std::move(newest));
   return success(rates_of(interval.before.get(), *interval.now));
 }
 
@@ -99,12 +97,10 @@ answer process_answer(const std::vector<uint8_t>& payload, session_state& state,
   const auto read = [&](samplers::process_sample& sample) {
     return figures.process_sampler.read(threads, young_us, sample);
   };
-  int error = 0;
-  auto newest = (threads ? figures.threads : figures.processes).newest(young_us, read, error);
-  if (!newest) {
+  const int error = (threads ? figures.threads : figures.processes).end_interval(interval, read);
+  if (error < 0) {
     return status_only(error);
   }
-  interval.advance(std::move(newest));
   if (!figures.ranked.is_of(interval, sort_key)) {
     top_pid_info top{};
     figures.process_ranking.top(interval.before.get(), *interval.now, sort_key, top);

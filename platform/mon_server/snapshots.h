@@ -14,45 +14,6 @@
 
 #include "samplers/clock.h"
 
-template <class sample>
-class snapshot_source {
- public:
-  // The newest sample: one that `take` (sample& -> 0 or a negative errno) takes now, or the last
-  // one if it is younger than `young_us`. Null, and the error, when taking one fails.
-  template <class function>
-  std::shared_ptr<const sample> newest(int64_t young_us, function take, int& error) {
-    error = 0;
-    if (last && samplers::monotonic_us() - last->time_us < young_us) {
-      return last;
-    }
-    const std::shared_ptr<sample> taken = unused_sample();
-    error = take(*taken);
-    if (error < 0) {
-      return nullptr;
-    }
-    last = taken;
-    return last;
-  }
-
- private:
-  // One that nobody looks at any more, with the memory that it has grown to, or a new one. Of those
-  // that nobody looks at no more than one is kept.
-  std::shared_ptr<sample> unused_sample() {
-    const auto unused = [](const std::shared_ptr<sample>& one) { return one.use_count() == 1; };
-    const auto first = std::find_if(all.begin(), all.end(), unused);
-    if (first == all.end()) {
-      all.push_back(std::make_shared<sample>());
-      return all.back();
-    }
-    std::shared_ptr<sample> found = *first;
-    all.erase(std::remove_if(std::next(first), all.end(), unused), all.end());
-    return found;
-  }
-
-  std::shared_ptr<const sample> last;
-  std::vector<std::shared_ptr<sample>> all;
-};
-
 // The interval that a session's rates are over.
 template <class sample>
 struct rate_interval {
@@ -83,6 +44,46 @@ struct rate_interval {
 
  private:
   int64_t asked_us = 0;  // when the client asked last
+};
+
+template <class sample>
+class snapshot_source {
+ public:
+  // Ends the interval with the newest sample: with one that `take` (sample& -> 0 or a negative
+  // errno) takes now, or with the last one if that is young enough for it. 0, or why taking one
+  // failed; the interval is then left without its start.
+  template <class function>
+  int end_interval(rate_interval<sample>& interval, function take) {
+    if (!last || samplers::monotonic_us() - last->time_us >= interval.young_us()) {
+      interval.before.reset();  // so that its memory may serve for the new one
+      const std::shared_ptr<sample> taken = unused_sample();
+      const int error = take(*taken);
+      if (error < 0) {
+        return error;
+      }
+      last = taken;
+    }
+    interval.advance(last);
+    return 0;
+  }
+
+ private:
+  // One that nobody looks at any more, with the memory that it has grown to, or a new one. Of those
+  // that nobody looks at no more than one is kept.
+  std::shared_ptr<sample> unused_sample() {
+    const auto unused = [](const std::shared_ptr<sample>& one) { return one.use_count() == 1; };
+    const auto first = std::find_if(all.begin(), all.end(), unused);
+    if (first == all.end()) {
+      all.push_back(std::make_shared<sample>());
+      return all.back();
+    }
+    std::shared_ptr<sample> found = *first;
+    all.erase(std::remove_if(std::next(first), all.end(), unused), all.end());
+    return found;
+  }
+
+  std::shared_ptr<const sample> last;
+  std::vector<std::shared_ptr<sample>> all;
 };
 
 #endif

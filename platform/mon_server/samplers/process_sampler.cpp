@@ -27,6 +27,9 @@ constexpr int64_t unused_us = 60 * 1000000LL;
 // Samples of the program between two listings of /proc.
 constexpr uint32_t list_turns = 16;
 
+// Room for the records of so many tasks is kept for the next sample: a quarter of a megabyte.
+constexpr size_t most_tasks_kept = 2048;
+
 bool by_pid_and_start(const process_entry& a, const process_entry& b) {
   return std::tie(a.pid, a.start_ticks) < std::tie(b.pid, b.start_ticks);
 }
@@ -77,6 +80,9 @@ int process_sampler::read_tasks(process_sample& sample) {
     entries_of_tasks.make_threads(tasks, sample.entries);
   } else {
     entries_of_tasks.make_processes(tasks, sample.entries, left_out);
+  }
+  if (tasks.size() > most_tasks_kept) {
+    tasks = {};
   }
   sort_entries(sample);
   find_hidden(files, sample);
