@@ -34,6 +34,14 @@ bool by_pid_and_start(const process_entry& a, const process_entry& b) {
   return std::tie(a.pid, a.start_ticks) < std::tie(b.pid, b.start_ticks);
 }
 
+// A crowd of processes that has gone leaves its room.
+void give_room_back(std::vector<process_entry>& entries) {
+  constexpr size_t few = 1024;
+  if (entries.capacity() > few + 4 * entries.size()) {
+    entries.shrink_to_fit();
+  }
+}
+
 void sort_entries(process_sample& sample) {
   if (!std::is_sorted(sample.entries.begin(), sample.entries.end(), by_pid_and_start)) {
     std::sort(sample.entries.begin(), sample.entries.end(), by_pid_and_start);
@@ -53,6 +61,7 @@ int process_sampler::read(bool threads, int64_t net_young_us, process_sample& sa
   sample.uptime_ticks = read_uptime(*reader, sample.ticks_per_second);
   const int result = read_entries(sample);
   sort_entries(sample);
+  give_room_back(sample.entries);
   descriptors.add_to(*reader, sample);
   net.add_to(*reader, net_young_us, sample);
   bpu.add_to(*reader, sample);
