@@ -103,13 +103,10 @@ TEST(server, requests_without_sense_are_refused_and_the_connection_lives) {
 TEST(server, bad_messages_close_their_connection_only) {
   const running_server server;
   peri_stat_manager bystander(loopback, server.port);
-  const bytes hello = request(1, mon_protocol::connection_hello);
-  bytes wrong_crc = hello;
-  wrong_crc[36] ^= 1;
-  bytes huge = hello;
+  bytes huge = request(1, mon_protocol::connection_hello);
   huge[13] = 0x20;  // 8192 bytes of payload
   const std::string http = "GET / HTTP/1.1\r\nHost: localhost\r\nUser-Agent: a browser\r\n\r\n";
-  for (const bytes& bad : {wrong_crc, huge, bytes(http.begin(), http.end()), bytes(40, 0)}) {
+  for (const bytes& bad : {huge, bytes(http.begin(), http.end()), bytes(40, 0)}) {
     raw_connection connection(server.port);
     EXPECT_TRUE(send_bytes(connection.socket, bad));
     read_to_end(connection.socket);
