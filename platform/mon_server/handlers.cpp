@@ -53,28 +53,32 @@ answer answer_rates(snapshot_source<sample>& source, rate_interval<sample>& inte
 }
 
 answer cpu_answer(session_state& state, machine_figures& figures) {
-  const auto read = [&](samplers::cpu_sample& sample) {
+  const auto read = [&](samplers::cpu_sample& sample, const samplers::cpu_sample*) {
     return samplers::read_cpu_sample(*figures.root, sample);
   };
   return answer_rates(figures.cpus, state.cpus, read, samplers::cpu_rates);
 }
 
 answer block_answer(session_state& state, machine_figures& figures) {
-  const auto read = [&](samplers::block_sample& sample) {
-    return samplers::read_block_sample(*figures.root, sample);
+  const auto read = [&](samplers::block_sample& sample, const samplers::block_sample* last) {
+    const int error = samplers::read_block_sample(*figures.root, sample);
+    samplers::doubt_zeros(last, sample);
+    return error;
   };
   return answer_rates(figures.blocks, state.blocks, read, samplers::block_rates);
 }
 
 answer net_answer(session_state& state, machine_figures& figures) {
-  const auto read = [&](samplers::net_sample& sample) {
-    return samplers::read_net_sample(*figures.root, sample);
+  const auto read = [&](samplers::net_sample& sample, const samplers::net_sample* last) {
+    const int error = samplers::read_net_sample(*figures.root, sample);
+    samplers::doubt_zeros(last, sample);
+    return error;
   };
   return answer_rates(figures.net_devices, state.net_devices, read, samplers::net_rates);
 }
 
 answer memory_answer(session_state& state, machine_figures& figures) {
-  const auto read = [&](samplers::memory_sample& sample) {
+  const auto read = [&](samplers::memory_sample& sample, const samplers::memory_sample*) {
     return samplers::read_memory_sample(*figures.root, sample);
   };
   const auto newest = [](const samplers::memory_sample*, const samplers::memory_sample& now) {
@@ -94,7 +98,7 @@ answer process_answer(const std::vector<uint8_t>& payload, session_state& state,
   const bool threads = (mode & 0xff00) == 0xff00;
   auto& interval = threads ? state.threads : state.processes;
   const int64_t young_us = interval.young_us();
-  const auto read = [&](samplers::process_sample& sample) {
+  const auto read = [&](samplers::process_sample& sample, const samplers::process_sample*) {
     return figures.process_sampler.read(threads, young_us, sample);
   };
   const int error = (threads ? figures.threads : figures.processes).end_interval(interval, read);

@@ -57,7 +57,7 @@ class snapshot_source {
     if (!last || samplers::monotonic_us() - last->time_us >= interval.young_us()) {
       interval.before.reset();  // so that its memory may serve for the new one
       const std::shared_ptr<sample> taken = unused_sample();
-      const int error = take(*taken);
+      const int error = take(*taken, last.get());
       if (error < 0) {
         return error;
       }

@@ -99,6 +99,15 @@ TEST(blocks, differences_lose_no_odd_sector_and_start_anew_with_a_device) {
   EXPECT_EQ(rates(&second, third), "sda 1 3 1500\nsdc - - 1500\n");
   EXPECT_EQ(rates(&third, first), "sda - - 0\n");  // went down
   EXPECT_EQ(rates(nullptr, first), "sda - - 0\n");
+  // Zeros for once, and the count after them, tell nothing; zeros that stay do.
+  block_sample zeros = blocks(4000000, "8 0 sda 1 0 0 0 1 0 0 0\n");
+  block_sample zeros_again = blocks(4500000, "8 0 sda 1 0 0 0 1 0 0 0\n");
+  doubt_zeros(&third, zeros);
+  doubt_zeros(&zeros, zeros_again);
+  const block_sample after = blocks(5000000, "8 0 sda 1 0 4 0 1 0 20 0\n");
+  EXPECT_EQ(rates(&third, zeros), "sda - - 500\n");
+  EXPECT_EQ(rates(&zeros, after), "sda - - 1000\n");
+  EXPECT_EQ(rates(&zeros_again, after), "sda 2 10 500\n");
 }
 
 net_sample devices(int64_t time_us, const char* text) {
@@ -125,6 +134,10 @@ TEST(net_devices, rates) {
   EXPECT_EQ(rates(&before, now), "eth0:1 5120 2\nwlan0 59 -\nusb0 10 -\n");
   EXPECT_EQ(rates(nullptr, now), "eth0:1 5120 -\nwlan0 59 -\nusb0 10 -\n");
   EXPECT_EQ(rates(&now, now), rates(nullptr, now));
+  net_sample zeros = devices(4000000, "usb0: 0 0 0 0 0 0 0 0 0\n");
+  doubt_zeros(&now, zeros);
+  EXPECT_EQ(rates(&now, zeros), "usb0 - -\n");
+  EXPECT_EQ(rates(&zeros, devices(5000000, "usb0: 9 0 0 0 0 0 0 0 5\n")), "usb0 14 -\n");
   EXPECT_LT(read_net_sample(fixture("board-4core"), now), 0);
   EXPECT_TRUE(now.entries.empty());
 }

@@ -76,6 +76,17 @@ block_stat unknown_traffic(const block_entry& entry, uint64_t interval_ms) {
   return stat;
 }
 
+// The device in another sample, null if it is not there or its counters are unknown.
+const block_entry* known_in(const block_sample* sample, const block_entry& entry) {
+  if (sample == nullptr) {
+    return nullptr;
+  }
+  const auto found = std::find_if(
+      sample->entries.begin(), sample->entries.end(),
+      [&entry](const block_entry& other) { return same_name(other.name, entry.name); });
+  return found == sample->entries.end() || found->rd_sectors == unknown_u64 ? nullptr : &*found;
+}
+
 }  // namespace
 
 int parse_diskstats(std::string_view text, const std::vector<std::string>& whole_devices,
@@ -106,6 +117,16 @@ int read_block_sample(const file_reader& machine, block_sample& sample) {
   return parse_diskstats(content, whole_devices, sample.entries);
 }
 
+void doubt_zeros(const block_sample* before, block_sample& now) {
+  for (block_entry& entry : now.entries) {
+    const block_entry* start = known_in(before, entry);
+    const bool zeros = entry.rd_sectors == 0 && entry.wr_sectors == 0;
+    if (zeros && start != nullptr && (start->rd_sectors != 0 || start->wr_sectors != 0)) {
+      entry.rd_sectors = entry.wr_sectors = unknown_u64;
+    }
+  }
+}
+
 std::vector<block_stat> block_rates(const block_sample* before, const block_sample& now) {
   std::vector<block_stat> stats;
   stats.reserve(now.entries.size());
@@ -114,15 +135,11 @@ std::vector<block_stat> block_rates(const block_sample* before, const block_samp
       has_interval ? static_cast<uint64_t>(now.time_us - before->time_us) / 1000 : 0;
   for (const block_entry& entry : now.entries) {
     block_stat stat = unknown_traffic(entry, interval_ms);
-    if (has_interval) {
-      const auto start = std::find_if(
-          before->entries.begin(), before->entries.end(),
-          [&entry](const block_entry& other) { return same_name(other.name, entry.name); });
-      if (start != before->entries.end() && start->rd_sectors <= entry.rd_sectors &&
-          start->wr_sectors <= entry.wr_sectors) {
-        stat.rd_kb = entry.rd_sectors / 2 - start->rd_sectors / 2;
-        stat.wr_kb = entry.wr_sectors / 2 - start->wr_sectors / 2;
-      }
+    const block_entry* start = has_interval ? known_in(before, entry) : nullptr;
+    if (start != nullptr && entry.rd_sectors != unknown_u64 &&
+        start->rd_sectors <= entry.rd_sectors && start->wr_sectors <= entry.wr_sectors) {
+      stat.rd_kb = entry.rd_sectors / 2 - start->rd_sectors / 2;
+      stat.wr_kb = entry.wr_sectors / 2 - start->wr_sectors / 2;
     }
     stats.push_back(stat);
   }

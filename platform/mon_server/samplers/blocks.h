@@ -12,7 +12,8 @@
 
 namespace samplers {
 
-// Counters since the device came up, in sectors of 512 bytes whatever the device's own are.
+// Counters since the device came up, in sectors of 512 bytes whatever the device's own are; both
+// may be unknown_u64.
 struct block_entry {
   char name[32] = {};
   uint64_t rd_sectors = 0;
@@ -30,6 +31,11 @@ struct block_sample {
 int parse_diskstats(std::string_view text, const std::vector<std::string>& whole_devices,
                     std::vector<block_entry>& entries);
 int read_block_sample(const file_reader& machine, block_sample& sample);
+
+// Makes counters that are 0 unknown where `before`, the sample taken before, has more: the device
+// began anew, or its driver gave zeros for once, and the traffic from there would be all that there
+// ever was.
+void doubt_zeros(const block_sample* before, block_sample& now);
 
 // The traffic between two samples. It is unknown without `before`, for a device that is new since
 // then, and when a counter went down. KiB are counted from the counters' own starts, so that what

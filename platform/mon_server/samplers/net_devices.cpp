@@ -39,20 +39,26 @@ bool parse_line(std::string_view line, net_entry& entry) {
   return received != unknown_u64 && sent != unknown_u64;
 }
 
+// The count of that device in another sample, unknown_u64 if it has none.
+uint64_t bytes_in(const net_sample* sample, const net_entry& entry) {
+  if (sample == nullptr) {
+    return unknown_u64;
+  }
+  const auto found = std::find_if(
+      sample->entries.begin(), sample->entries.end(),
+      [&entry](const net_entry& other) { return same_name(other.dev_name, entry.dev_name); });
+  return found == sample->entries.end() ? unknown_u64 : found->bytes;
+}
+
 // KiB/s, NaN when it is unknown.
 double rate_since(const net_sample* before, const net_sample& now, const net_entry& entry) {
-  constexpr double unknown_rate = std::numeric_limits<double>::quiet_NaN();
-  if (before == nullptr || before->time_us >= now.time_us) {
-    return unknown_rate;
-  }
-  const auto start = std::find_if(
-      before->entries.begin(), before->entries.end(),
-      [&entry](const net_entry& other) { return same_name(other.dev_name, entry.dev_name); });
-  if (start == before->entries.end() || start->bytes > entry.bytes) {
-    return unknown_rate;
+  const uint64_t start = bytes_in(before, entry);
+  if (start == unknown_u64 || entry.bytes == unknown_u64 || start > entry.bytes ||
+      before->time_us >= now.time_us) {
+    return std::numeric_limits<double>::quiet_NaN();
   }
   const double seconds = static_cast<double>(now.time_us - before->time_us) / 1e6;
-  return static_cast<double>(entry.bytes - start->bytes) / 1024 / seconds;
+  return static_cast<double>(entry.bytes - start) / 1024 / seconds;
 }
 
 }  // namespace
@@ -74,6 +80,15 @@ int read_net_sample(const file_reader& machine, net_sample& sample) {
   sample.time_us = monotonic_us();
   const int result = parse_net_dev(content, sample.entries);
   return error != 0 ? error : result;
+}
+
+void doubt_zeros(const net_sample* before, net_sample& now) {
+  for (net_entry& entry : now.entries) {
+    const uint64_t start = bytes_in(before, entry);
+    if (entry.bytes == 0 && start != 0 && start != unknown_u64) {
+      entry.bytes = unknown_u64;
+    }
+  }
 }
 
 std::vector<net_stat> net_rates(const net_sample* before, const net_sample& now) {

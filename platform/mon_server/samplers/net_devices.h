@@ -13,7 +13,7 @@ namespace samplers {
 
 struct net_entry {
   char dev_name[16] = {};
-  uint64_t bytes = 0;  // received and sent since the device came up
+  uint64_t bytes = 0;  // received and sent since the device came up, or unknown_u64
 };
 
 struct net_sample {
@@ -23,6 +23,10 @@ struct net_sample {
 
 int parse_net_dev(std::string_view text, std::vector<net_entry>& entries);
 int read_net_sample(const file_reader& machine, net_sample& sample);
+
+// Makes a count of 0 unknown where `before`, the sample taken before, has more: the device began
+// anew, or its driver gave zeros for once, and a rate from there would be all that it ever carried.
+void doubt_zeros(const net_sample* before, net_sample& now);
 
 // The rates between two samples. A rate is unknown without `before`, for a device that is new since
 // then, and when the counter went down (32 bits wide on some drivers).
