@@ -176,8 +176,8 @@ TEST(answers, every_cut_and_every_flipped_bit_is_found) {
   {
     peri_stat_manager peri(loopback, port);
     std::vector<const char*> parts = {"/log"};
-    bytes part(sizeof(part_info));
-    std::strcpy(reinterpret_cast<char*>(part.data()), "/log");
+    bytes part = {'/', 'l', 'o', 'g'};
+    part.resize(sizeof(part_info));
     spoiler.check(
         "thermal", [&](auto* os) { return peri.get_all_thermal(os); }, bytes(sizeof(thermal_stat)));
     spoiler.check(
