@@ -154,13 +154,15 @@ TEST(top_processes, order_of_each_key) {
   for (const int by_cpu : {sort_by_cpu, sort_by_bpu, sort_by_net, 99, -1}) {
     EXPECT_EQ(rows(top(&before, now, by_cpu), pid), "4\n2\n3\n1\n") << by_cpu;
   }
-  // More than an answer holds.
-  for (int32_t more = 5; more <= 300; ++more) {
-    now.entries.push_back(entry_of(more, 1, static_cast<uint64_t>(more) + 50));
+  // Far more than an answer holds, in no order: 5 to 3000 times 1009, of which a prime is left out.
+  for (uint64_t more = 5; more <= 3000; ++more) {
+    now.entries.push_back(entry_of(static_cast<int32_t>(more), 1, 50 + more * 1009 % 3001));
   }
   const std::vector<pid_msg> most = top(&before, now, sort_by_cpu);
   ASSERT_EQ(most.size(), 146U);
-  EXPECT_EQ(most.back().pid, 155);
+  for (size_t i = 0; i < most.size(); ++i) {
+    EXPECT_EQ(most[i].process_usage, 3050 - static_cast<float>(i));  // a tick is a percent
+  }
 }
 
 // A child that ends with its `function`, or when this goes.

@@ -78,6 +78,7 @@ class process_ranking {
   static bool comes_first(const rated_process& a, const rated_process& b);
   static pid_msg record(const rated_process& one);
   void rate_all(const process_sample* before, const process_sample& now, int sort_key);
+  void keep_first();
 
   std::vector<rated_process> rated;
 };

@@ -16,6 +16,9 @@ constexpr double unknown_rate = std::numeric_limits<double>::quiet_NaN();
 // kernel's own figure; where one follows the other it may seem to have stepped back by two ticks.
 constexpr uint64_t cpu_rounding_ns = 20000000;
 
+// So many are rated before those that cannot be listed are dropped.
+constexpr size_t most_rated = 8 * max_pid_msgs;
+
 // Nothing runs for less time than none, and a counter that went down tells nothing.
 double rate(uint64_t before, uint64_t now, double seconds) {
   if (before == unknown_u64 || now == unknown_u64 || now < before || seconds <= 0) {
@@ -106,6 +109,17 @@ void process_ranking::rate_all(const process_sample* before, const process_sampl
       over.net_seconds = static_cast<double>(now.net_time_us - before->net_time_us) / 1e6;
     }
     rated.push_back(rate_over(over, entry, sort_key));
+    if (rated.size() >= most_rated) {
+      keep_first();
+    }
+  }
+}
+
+// Leaves those that the list may hold.
+void process_ranking::keep_first() {
+  if (rated.size() > max_pid_msgs) {
+    std::nth_element(rated.begin(), rated.begin() + max_pid_msgs, rated.end(), comes_first);
+    rated.resize(max_pid_msgs);
   }
 }
 
@@ -138,12 +152,11 @@ pid_msg process_ranking::record(const rated_process& one) {
 void process_ranking::top(const process_sample* before, const process_sample& now, int sort_key,
                           top_pid_info& out) {
   rate_all(before, now, sort_key);
-  const size_t listed = std::min<size_t>(rated.size(), max_pid_msgs);
-  const auto end = rated.begin() + static_cast<std::ptrdiff_t>(listed);
-  std::partial_sort(rated.begin(), end, rated.end(), comes_first);
-  out.pid_num = static_cast<int32_t>(listed);
-  out.pid_total = static_cast<int32_t>(rated.size());
-  std::transform(rated.begin(), end, std::begin(out.send_pid_info), record);
+  keep_first();
+  std::sort(rated.begin(), rated.end(), comes_first);
+  out.pid_num = static_cast<int32_t>(rated.size());
+  out.pid_total = static_cast<int32_t>(now.entries.size());
+  std::transform(rated.begin(), rated.end(), std::begin(out.send_pid_info), record);
 }
 
 const process_entry* find_process(const process_sample& sample, int32_t pid) {
