@@ -25,13 +25,13 @@ std::string clean_name(const char (&name)[size]);
 std::string clean_name(const char* bytes, size_t size);
 
 // A figure with one decimal in at most `width` columns (4 or more): without the decimal, then in
-// thousands (k, M, G, T) where it does not fit. NaN and the infinities are unknown.
+// thousands (k, M, G, T, P, E) where it does not fit. NaN and the infinities are unknown.
 std::string figure(double value, size_t width);
 
 // A share in percent: "37.0%".
 std::string percent(double value);
 
-// Bytes in the largest of B, K, M, G, T, P (powers of 1024) of which there is at least `least`:
+// Bytes in the largest of B, K, M, G, T, P, E (powers of 1024) of which there is at least `least`:
 // "64.0M", "1.2G". unknown_u64 is unknown.
 std::string size_text(uint64_t bytes, double least = 1.0);
 

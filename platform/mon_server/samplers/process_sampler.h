@@ -28,10 +28,10 @@ class process_sampler {
                   const process_sampler_options& options);
 
   // Takes a sample of the processes, or of all threads; the network figures in it may be as old as
-  // `net_young_us`. 0 or a negative errno; what has been read until then is in the sample.
+  // `net_young_us`. 0 or a negative errno, after which the sample is of no use.
   int read(bool threads, int64_t net_young_us, process_sample& sample);
 
-  // Closes what is kept open from sample to sample, for when nobody asks for samples.
+  // Closes the files of /proc that are kept open, for when nobody asks for samples.
   void release();
 
  private:
