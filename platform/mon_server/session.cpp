@@ -165,7 +165,7 @@ void session::begin_deadline() {
   deadline.expires_after(message_limit);
   deadline.async_wait([weak = weak_from_this()](const asio::error_code& error) {
     const auto self = weak.lock();
-    if (!error && self) {
+    if (!error && self && self->deadline_runs) {
       self->end("a request was begun and not completed");
     }
   });

@@ -49,9 +49,10 @@ struct rate_interval {
 template <class sample>
 class snapshot_source {
  public:
-  // Ends the interval with the newest sample: with one that `take` (sample& -> 0 or a negative
-  // errno) takes now, or with the last one if that is young enough for it. 0, or why taking one
-  // failed; the interval is then left without its start.
+  // Ends the interval with the newest sample: with one that `take` takes now, or with the last one
+  // if that is young enough for it. `take` is given the sample to fill in and the last one, which
+  // may be null, and returns 0 or a negative errno. 0, or why taking one failed; the interval is
+  // then left without its start.
   template <class function>
   int end_interval(rate_interval<sample>& interval, function take) {
     if (!last || samplers::monotonic_us() - last->time_us >= interval.young_us()) {
