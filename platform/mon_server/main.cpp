@@ -25,10 +25,12 @@ void raise_descriptor_limit() {
 
 // Large blocks that were needed once (the kernel's types, answers that nobody reads) go back to the
 // kernel: by itself the allocator would raise these limits to the largest block that it has seen.
-void give_memory_back() {
+// The threads of slow reads need little, and share the one arena.
+void keep_memory_small() {
   constexpr int limit = 128 * 1024;
   mallopt(M_MMAP_THRESHOLD, limit);
   mallopt(M_TRIM_THRESHOLD, limit);
+  mallopt(M_ARENA_MAX, 1);
 }
 
 }  // namespace
@@ -47,7 +49,7 @@ int main(int argc, char** argv) {
       break;
   }
   raise_descriptor_limit();
-  give_memory_back();
+  keep_memory_small();
   // Log lines to a reader that went away must not end the server.
   std::signal(SIGPIPE, SIG_IGN);
   asio::io_context loop(1);
