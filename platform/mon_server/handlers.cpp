@@ -11,6 +11,7 @@
 #include "samplers/ion.h"
 #include "samplers/partitions.h"
 #include "samplers/thermal.h"
+#include "server_log.h"
 
 namespace {
 
@@ -104,6 +105,9 @@ answer process_answer(const std::vector<uint8_t>& payload, session_state& state,
   const int error = (threads ? figures.threads : figures.processes).end_interval(interval, read);
   if (error < 0) {
     return status_only(error);
+  }
+  if (!std::exchange(figures.way_told, true)) {
+    server_log(log_priority::info, figures.process_sampler.way());
   }
   if (!figures.ranked.is_of(interval, sort_key)) {
     top_pid_info top{};

@@ -54,6 +54,7 @@ struct machine_figures {
   samplers::process_sampler process_sampler;
   samplers::process_ranking process_ranking;
   ranked_processes ranked;
+  bool way_told = false;  // the log says how processes are read
   counters_owner counters;
   slow_reader drivers;     // thermal, ION, BPU, VIO
   slow_reader partitions;  // apart from the drivers: dead mounts take none of their threads

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <tuple>
 #include <utility>
 
@@ -71,11 +72,20 @@ int process_sampler::read(bool threads, int64_t net_young_us, process_sample& sa
 int process_sampler::read_entries(process_sample& sample) {
   if (!std::exchange(iterator_tried, true) && options.use_bpf && reader->own_machine) {
     iterator = std::make_unique<task_iterator>();
-    if (iterator->open() != 0) {
+    iterator_error = iterator->open();
+    if (iterator_error != 0) {
       iterator.reset();
     }
   }
   return iterator ? read_tasks(sample) : read_files(sample);
+}
+
+std::string process_sampler::way() const {
+  if (iterator) {
+    return "processes are read by a BPF program";
+  }
+  const std::string files = "processes are read from files of /proc";
+  return iterator_error == 0 ? files : files + ", not by BPF: " + strerror(-iterator_error);
 }
 
 int process_sampler::read_tasks(process_sample& sample) {

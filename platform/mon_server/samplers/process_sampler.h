@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "samplers/file_reader.h"
@@ -31,6 +32,9 @@ class process_sampler {
   // `net_young_us`. 0 or a negative errno, after which the sample is of no use.
   int read(bool threads, int64_t net_young_us, process_sample& sample);
 
+  // How samples are taken, in words for the log. Known once one has been.
+  std::string way() const;
+
   // Closes the files of /proc that are kept open, for when nobody asks for samples.
   void release();
 
@@ -48,6 +52,7 @@ class process_sampler {
   int64_t processes_read_us = 0;  // when the files of each view were last read
   int64_t threads_read_us = 0;
   bool iterator_tried = false;
+  int iterator_error = 0;                   // why it is not to be had, a negative errno
   std::unique_ptr<task_iterator> iterator;  // null: not to be had
   task_entries entries_of_tasks;
   std::vector<task_record> tasks;

@@ -2,6 +2,7 @@
 
 #include <bpf/bpf.h>
 #include <bpf/btf.h>
+#include <bpf/libbpf.h>
 #include <linux/bpf.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -328,6 +329,7 @@ int task_iterator::open() {
   if (!in_initial_pid_namespace()) {
     return -EOPNOTSUPP;
   }
+  libbpf_set_print(nullptr);  // whoever opens it says what failed
   const kernel_types types(btf__load_vmlinux_btf());
   if (!types) {
     return -errno;
