@@ -4,7 +4,6 @@
 #include <cstddef>
 #include <cstring>
 #include <string>
-#include <tuple>
 #include <utility>
 
 #include "samplers/board.h"
@@ -109,15 +108,15 @@ answer process_answer(const std::vector<uint8_t>& payload, session_state& state,
   if (!std::exchange(figures.way_told, true)) {
     server_log(log_priority::info, figures.process_sampler.way());
   }
-  if (!figures.ranked.is_of(interval, sort_key)) {
+  const auto make = [&] {
     top_pid_info top{};
     figures.process_ranking.top(interval.before.get(), *interval.now, sort_key, top);
     const size_t size =
         offsetof(top_pid_info, send_pid_info) + static_cast<size_t>(top.pid_num) * sizeof(pid_msg);
     const auto* bytes = reinterpret_cast<const uint8_t*>(&top);
-    figures.ranked.list.assign(bytes, bytes + size);
-  }
-  return {0, figures.ranked.list};
+    return std::vector<uint8_t>(bytes, bytes + size);
+  };
+  return {0, figures.ranked.list(interval, sort_key, make)};
 }
 
 answer perf_answer(session_state& state, machine_figures& figures) {
@@ -312,15 +311,6 @@ void handle_connection(uint16_t sub_command, session_state& state, machine_figur
 }
 
 }  // namespace
-
-bool ranked_processes::is_of(const rate_interval<samplers::process_sample>& interval, int key) {
-  auto identity = std::tie(before_us, now_us, threads, sort_key);
-  const auto wanted = std::make_tuple(interval.before ? interval.before->time_us : -1,
-                                      interval.now->time_us, interval.now->threads, key);
-  const bool same = identity == wanted;
-  identity = wanted;
-  return same;
-}
 
 machine_figures::machine_figures(asio::io_context& loop, const server_options& options)
     : root(std::make_shared<const samplers::file_reader>(options.sysroot)),

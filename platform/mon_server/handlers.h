@@ -3,10 +3,13 @@
 #ifndef HANDLERS_H
 #define HANDLERS_H
 
+#include <array>
 #include <asio/io_context.hpp>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <tuple>
 #include <vector>
 
 #include "counters_owner.h"
@@ -22,19 +25,36 @@
 #include "slow_reader.h"
 #include "snapshots.h"
 
-// The process list that was made last; clients of one view and sort key mostly ask for the same.
-struct ranked_processes {
-  // False when the list is of other samples, another view or another key; then it is the caller's
-  // to make.
-  bool is_of(const rate_interval<samplers::process_sample>& interval, int key);
-
-  std::vector<uint8_t> list;
+// The process lists that were made last. Clients of one view and sort key mostly ask for the same
+// one; those whose cycles are out of step see other samples.
+class ranked_processes {
+ public:
+  // The list of the interval by the key: one that was made before, or what `make` () puts into it.
+  template <class function>
+  const std::vector<uint8_t>& list(const rate_interval<samplers::process_sample>& interval,
+                                   int sort_key, function make) {
+    const identity wanted{interval.before ? interval.before->time_us : -1, interval.now->time_us,
+                          interval.now->threads, sort_key};
+    for (const made_list& one : made) {
+      if (one.of == wanted) {
+        return one.bytes;
+      }
+    }
+    next = (next + 1) % made.size();
+    made[next].of = wanted;
+    made[next].bytes = make();
+    return made[next].bytes;
+  }
 
  private:
-  int64_t before_us = 0;  // -1 without a sample before
-  int64_t now_us = 0;
-  bool threads = false;
-  int sort_key = 0;
+  // Times of the two samples (-1 without a first), view, sort key.
+  using identity = std::tuple<int64_t, int64_t, bool, int>;
+  struct made_list {
+    identity of{};
+    std::vector<uint8_t> bytes;
+  };
+  std::array<made_list, 4> made;
+  size_t next = 0;
 };
 
 // The machine as all sessions see it.
