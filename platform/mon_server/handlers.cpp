@@ -156,43 +156,46 @@ void handle_cpu(uint16_t sub_command, const std::vector<uint8_t>& payload, sessi
 // Has a driver's figures read on another thread. `sampler` fills records and returns 0 or a
 // negative errno; no records is a good answer as well.
 template <class record, class sampler>
-void answer_slowly(slow_reader& reader, const char* key, sampler sample, const replier& reply) {
+void answer_slowly(slow_reader& reader, const char* key, client_cycle& cycle, sampler sample,
+                   const replier& reply) {
   const auto read = [sample]() -> slow_reader::bytes {
     std::vector<record> records;
     sample(records);
     return bytes_of(records);
   };
-  reader.ask(key, read, [reply](const std::shared_ptr<const slow_reader::bytes>& result) {
+  const int64_t young_us = cycle.young_us();
+  cycle.ask();
+  reader.ask(key, young_us, read, [reply](const std::shared_ptr<const slow_reader::bytes>& result) {
     reply(result ? answer{0, *result} : status_only(-ETIMEDOUT));
   });
 }
 
-void handle_thermal(machine_figures& figures, const replier& reply) {
+void handle_thermal(session_state& state, machine_figures& figures, const replier& reply) {
   const auto sample = [root = figures.root](std::vector<thermal_stat>& records) {
     return samplers::read_thermal(*root, records);
   };
-  answer_slowly<thermal_stat>(figures.drivers, "thermal", sample, reply);
+  answer_slowly<thermal_stat>(figures.drivers, "thermal", state.thermal, sample, reply);
 }
 
-void handle_ion(machine_figures& figures, const replier& reply) {
+void handle_ion(session_state& state, machine_figures& figures, const replier& reply) {
   const auto sample = [root = figures.root, board = figures.board](std::vector<ion_info>& records) {
     return samplers::read_ion(*root, board.get(), records);
   };
-  answer_slowly<ion_info>(figures.drivers, "ion", sample, reply);
+  answer_slowly<ion_info>(figures.drivers, "ion", state.ion, sample, reply);
 }
 
-void handle_bpu(machine_figures& figures, const replier& reply) {
+void handle_bpu(session_state& state, machine_figures& figures, const replier& reply) {
   const auto sample = [root = figures.root, board = figures.board](std::vector<bpu_stat>& records) {
     return samplers::read_bpu(*root, board.get(), records);
   };
-  answer_slowly<bpu_stat>(figures.drivers, "bpu", sample, reply);
+  answer_slowly<bpu_stat>(figures.drivers, "bpu", state.bpu, sample, reply);
 }
 
-void handle_vio(machine_figures& figures, const replier& reply) {
+void handle_vio(session_state& state, machine_figures& figures, const replier& reply) {
   const auto sample = [board = figures.board](std::vector<vio_stat>& records) {
     return samplers::read_vio(board.get(), records);
   };
-  answer_slowly<vio_stat>(figures.drivers, "vio", sample, reply);
+  answer_slowly<vio_stat>(figures.drivers, "vio", state.vio, sample, reply);
 }
 
 // The partitions of one request, which are read apart from each other.
@@ -210,7 +213,7 @@ part_info unknown_partition(const std::string& path) {
 }
 
 void ask_partition(machine_figures& figures, const std::shared_ptr<partition_answer>& pending,
-                   size_t index, const std::string& path) {
+                   size_t index, int64_t young_us, const std::string& path) {
   const auto read = [path] {
     part_info part = unknown_partition(path);
     samplers::read_partition(path.c_str(), part);
@@ -224,11 +227,11 @@ void ask_partition(machine_figures& figures, const std::shared_ptr<partition_ans
       pending->reply(success(pending->parts));
     }
   };
-  figures.partitions.ask(path, read, take);
+  figures.partitions.ask(path, young_us, read, take);
 }
 
-void handle_partitions(const std::vector<uint8_t>& payload, machine_figures& figures,
-                       const replier& reply) {
+void handle_partitions(const std::vector<uint8_t>& payload, session_state& state,
+                       machine_figures& figures, const replier& reply) {
   constexpr size_t path_size = sizeof(part_info::part_name);
   const size_t count = payload.size() / path_size;
   if (payload.size() % path_size != 0 || count > most_partitions) {
@@ -247,10 +250,12 @@ void handle_partitions(const std::vector<uint8_t>& payload, machine_figures& fig
   if (paths.empty()) {
     return reply({});
   }
+  const int64_t young_us = state.partitions.young_us();
+  state.partitions.ask();
   pending->missing = paths.size();
   pending->reply = reply;
   for (size_t i = 0; i < paths.size(); ++i) {
-    ask_partition(figures, pending, i, paths[i]);
+    ask_partition(figures, pending, i, young_us, paths[i]);
   }
 }
 
@@ -258,13 +263,13 @@ void handle_peri(uint16_t sub_command, const std::vector<uint8_t>& payload, sess
                  machine_figures& figures, const replier& reply) {
   switch (sub_command) {
     case mon_protocol::peri_thermal:
-      return handle_thermal(figures, reply);
+      return handle_thermal(state, figures, reply);
     case mon_protocol::peri_meminfo:
       return reply(memory_answer(state, figures));
     case mon_protocol::peri_ion:
-      return handle_ion(figures, reply);
+      return handle_ion(state, figures, reply);
     case mon_protocol::peri_partitions:
-      return handle_partitions(payload, figures, reply);
+      return handle_partitions(payload, state, figures, reply);
     case mon_protocol::peri_blocks:
       return reply(block_answer(state, figures));
     default:
@@ -333,10 +338,10 @@ void handle_request(const message_header& request, const std::vector<uint8_t>& p
     case mon_protocol::cmd_peri:
       return handle_peri(request.sub_command, payload, state, figures, reply);
     case mon_protocol::cmd_bpu:
-      return request.sub_command == mon_protocol::bpu_ratio ? handle_bpu(figures, reply)
+      return request.sub_command == mon_protocol::bpu_ratio ? handle_bpu(state, figures, reply)
                                                             : reply(status_only(-ENOSYS));
     case mon_protocol::cmd_vio:
-      return request.sub_command == mon_protocol::vio_fps ? handle_vio(figures, reply)
+      return request.sub_command == mon_protocol::vio_fps ? handle_vio(state, figures, reply)
                                                           : reply(status_only(-ENOSYS));
     case mon_protocol::cmd_net:
       return handle_net(request.sub_command, state, figures, reply);

@@ -88,6 +88,7 @@ struct session_state {
   rate_interval<samplers::block_sample> blocks;
   rate_interval<samplers::net_sample> net_devices;
   rate_interval<samplers::memory_sample> memory;
+  client_cycle thermal, ion, bpu, vio, partitions;
   bool net_monitor = false;
   counters_claim counters;
 };

@@ -1,5 +1,6 @@
 #include "slow_reader.h"
 
+#include <algorithm>
 #include <asio/post.hpp>
 #include <asio/steady_timer.hpp>
 #include <chrono>
@@ -17,7 +18,8 @@ namespace {
 // Below the client's own time-out of 2 s, so that it gets an answer with the rest of the figures.
 constexpr int64_t deadline_us = 1000000;
 // Drivers' locks are not taken more often than this, however many clients ask.
-constexpr int64_t young_us = 500000;
+constexpr int64_t least_young_us = 500000;
+constexpr int64_t most_young_us = 1000000;
 // A result that came after the deadline answers the next question, if that comes in time.
 constexpr int64_t late_us = 10 * 1000000LL;
 // Keys come from clients (paths); more are not kept, nor read at a time.
@@ -117,11 +119,13 @@ slow_reader::~slow_reader() {
   pool->stop();
 }
 
-void slow_reader::ask(const std::string& key, const job& read, const reply& answer) {
+void slow_reader::ask(const std::string& key, int64_t young_us, const job& read,
+                      const reply& answer) {
   forget_old();
   entry& slot = entries[key];
   const int64_t now_us = samplers::monotonic_us();
-  if (slot.result && (slot.not_seen || now_us - slot.ended_us < young_us)) {
+  if (slot.result &&
+      (slot.not_seen || now_us - slot.ended_us < std::max(young_us, least_young_us))) {
     slot.not_seen = false;
     answer(slot.result);
     return;
@@ -195,7 +199,7 @@ void slow_reader::ended(const std::string& key, bytes result) {
 void slow_reader::forget_old() {
   const int64_t now_us = samplers::monotonic_us();
   for (auto one = entries.begin(); one != entries.end();) {
-    const int64_t kept_us = one->second.not_seen ? late_us : young_us;
+    const int64_t kept_us = one->second.not_seen ? late_us : most_young_us;
     const bool old = !one->second.under_way && now_us - one->second.ended_us >= kept_us;
     one = old ? entries.erase(one) : std::next(one);
   }

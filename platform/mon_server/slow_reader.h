@@ -26,9 +26,9 @@ class slow_reader {
   slow_reader(const slow_reader&) = delete;
   slow_reader& operator=(const slow_reader&) = delete;
 
-  // Answers with the result of the read called `key`: of one that ended less than `young` ago, of
-  // the one that is under way, or of `read`.
-  void ask(const std::string& key, const job& read, const reply& answer);
+  // Answers with the result of the read called `key`: of one that ended less than `young_us` ago
+  // (half a second at least, a second at most), of the one that is under way, or of `read`.
+  void ask(const std::string& key, int64_t young_us, const job& read, const reply& answer);
 
  private:
   struct waiter;

@@ -14,6 +14,26 @@
 
 #include "samplers/clock.h"
 
+// How often a client asks for a figure, and how old one may be that it is given.
+class client_cycle {
+ public:
+  void ask() { asked_us = samplers::monotonic_us(); }
+
+  // Four fifths of the time since the client asked last. However many clients there are, one sample
+  // a cycle then mostly serves them all, and rates stay true, since they are over the time between
+  // samples. A tenth of a second is ten clock ticks, below which CPU shares would be mostly
+  // rounding.
+  int64_t young_us() const {
+    constexpr int64_t shortest_us = 100000;
+    constexpr int64_t longest_us = 800000;
+    const int64_t cycle_us = asked_us != 0 ? samplers::monotonic_us() - asked_us : 0;
+    return std::clamp(cycle_us * 4 / 5, shortest_us, longest_us);
+  }
+
+ private:
+  int64_t asked_us = 0;
+};
+
 // The interval that a session's rates are over.
 template <class sample>
 struct rate_interval {
@@ -23,7 +43,7 @@ struct rate_interval {
   // Ends the interval with `newest`. The same sample twice leaves the interval, and its rates, as
   // they were.
   void advance(std::shared_ptr<const sample> newest) {
-    asked_us = samplers::monotonic_us();
+    cycle.ask();
     if (newest != now) {
       before = std::move(now);
       now = std::move(newest);
@@ -31,19 +51,10 @@ struct rate_interval {
   }
   void reset() { *this = {}; }
 
-  // How old a sample may be to end the interval: four fifths of the client's cycle. However many
-  // clients there are, one sample a cycle then mostly serves them all, and rates stay true, since
-  // they are over the time between samples. A tenth of a second is ten clock ticks, below which CPU
-  // shares would be mostly rounding.
-  int64_t young_us() const {
-    constexpr int64_t shortest_us = 100000;
-    constexpr int64_t longest_us = 800000;
-    const int64_t cycle_us = now ? samplers::monotonic_us() - asked_us : 0;
-    return std::clamp(cycle_us * 4 / 5, shortest_us, longest_us);
-  }
+  int64_t young_us() const { return cycle.young_us(); }
 
  private:
-  int64_t asked_us = 0;  // when the client asked last
+  client_cycle cycle;
 };
 
 template <class sample>

@@ -18,7 +18,7 @@ struct slow_reader_test : testing::Test {
   // Asks, and runs the event loop until the answer is there.
   result ask(const std::string& key, const slow_reader::job& job) {
     std::optional<result> answer;
-    reader.ask(key, job, [&](const result& got) { answer = got; });
+    reader.ask(key, 0, job, [&](const result& got) { answer = got; });
     EXPECT_TRUE(wait_until([&] {
       loop.restart();
       loop.poll();
@@ -44,7 +44,7 @@ TEST_F(slow_reader_test, a_hanging_read_is_unknown_and_holds_up_no_other) {
   EXPECT_EQ(ask("dead too", dead), nullptr);
   // Asked for again it is unknown at once; it is not read a second time.
   bool answered = false;
-  reader.ask("dead", good, [&](const result& got) { answered = got == nullptr; });
+  reader.ask("dead", 0, good, [&](const result& got) { answered = got == nullptr; });
   EXPECT_TRUE(answered);
   EXPECT_EQ(reads, 0);
   // Clients that ask for the same together share a read.
@@ -61,7 +61,7 @@ TEST_F(slow_reader_test, a_hanging_read_is_unknown_and_holds_up_no_other) {
 TEST_F(slow_reader_test, endless_keys_are_refused) {
   size_t refused = 0;
   for (int i = 0; i < 1000; ++i) {
-    reader.ask("path " + std::to_string(i), dead,
+    reader.ask("path " + std::to_string(i), 0, dead,
                [&](const result& got) { refused += got == nullptr ? 1 : 0; });
   }
   EXPECT_EQ(refused, 1000U - 64U);
