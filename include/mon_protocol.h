@@ -18,9 +18,16 @@ constexpr uint32_t magic = 0x504D5AF5;
 // Raised when a layout or a meaning changes; both sides must have the same.
 constexpr uint16_t version = 1;
 
+// Clients that the server takes at a time; it answers the first message of a further one with
+// -EUSERS and closes that connection.
+constexpr size_t most_connections = 64;
+
 constexpr uint32_t max_request_payload = 4096;
 // 1,024 CPUs of 40 bytes are the largest answer that a real machine gives.
 constexpr uint32_t max_answer_payload = 64 * 1024;
+// The kernel's errnos end there (MAX_ERRNO in its err.h). A status can be negated without a
+// thought.
+constexpr int32_t lowest_status = -4095;
 
 enum message_type : uint16_t { type_request = 1, type_answer = 2 };
 
@@ -41,6 +48,8 @@ enum cpu_sub : uint16_t {
   cpu_disable_perf = 4,
   cpu_perf_data = 5,
   cpu_exit = 6,
+  cpu_system = 7,
+  cpu_command_lines = 8,
 };
 enum peri_sub : uint16_t {
   peri_thermal = 1,
@@ -51,7 +60,7 @@ enum peri_sub : uint16_t {
 };
 enum bpu_sub : uint16_t { bpu_ratio = 1 };
 enum vio_sub : uint16_t { vio_fps = 1 };
-enum net_sub : uint16_t { net_start = 1, net_bandwidth = 2, net_exit = 3 };
+enum net_sub : uint16_t { net_start = 1, net_bandwidth = 2, net_exit = 3, net_by_direction = 4 };
 
 struct message_header {
   uint32_t magic;
@@ -78,8 +87,9 @@ constexpr size_t header_size = sizeof(message_header);
 void encode(message_header header, const void* payload, size_t length, std::vector<uint8_t>& out);
 
 // Reads a header from `header_size` bytes. Returns an empty text, or why the bytes cannot be one:
-// wrong magic, version, type or packet numbering, or a payload above `max_payload`. Nothing but the
-// CRC is left to check when it returns an empty text.
+// wrong magic, version, type or packet numbering, a payload above `max_payload`, or a status that
+// is neither 0 nor a negative errno. Nothing but the CRC is left to check when it returns an empty
+// text.
 std::string decode_header(const uint8_t* bytes, message_type expected, uint32_t max_payload,
                           message_header& header);
 

@@ -142,6 +142,45 @@ struct net_stat {
   double rate;     // KiB/s received and sent over the answered interval
 };
 
+// One network device's traffic, each direction by itself.
+struct net_traffic {
+  char dev_name[16];
+  uint64_t total;   // bytes received and sent since the device came up
+  double rx_rate;   // KiB/s received over the answered interval
+  double tx_rate;   // KiB/s sent over the answered interval
+  uint64_t errors;  // packets lost to errors since the device came up, both directions
+  uint64_t drops;   // packets dropped since the device came up, both directions
+};
+
+// The machine as a whole.
+struct system_stat {
+  float load_1;  // load averages over 1, 5 and 15 minutes, as in proc_loadavg(5)
+  float load_5;
+  float load_15;
+  uint32_t tasks;          // threads that exist
+  uint32_t tasks_running;  // threads that run or are ready to
+  uint32_t tasks_blocked;  // threads that wait for I/O
+  uint64_t uptime_s;       // seconds since boot
+  // Pressure stall information: percent of the answered interval in which some task, or every task
+  // that had work, waited for the resource.
+  float cpu_some;
+  float io_some;
+  float io_full;
+  float memory_some;
+  float memory_full;
+  uint32_t reserved;
+  uint64_t swap_total;  // KiB
+  uint64_t swap_free;   // KiB
+  uint64_t zram_data;   // KiB that zram devices hold, before compression; unknown without any
+  uint64_t zram_used;   // KiB of memory that they take for it
+};
+
+// The command line of a listed process; arguments are separated by blanks.
+struct process_command {
+  int32_t pid;     // process id, in thread view that of the thread's process
+  char text[124];  // its beginning; empty for a kernel thread, and where it cannot be read
+};
+
 // One thermal zone or cooling device; the other one's value is unknown_u64.
 struct thermal_stat {
   char name[24];
@@ -173,6 +212,10 @@ static_assert(sizeof(pid_msg) == 56);
 static_assert(offsetof(pid_msg, rss) == 48);
 static_assert(offsetof(top_pid_info, send_pid_info) == 8);
 static_assert(sizeof(net_stat) == 32);
+static_assert(sizeof(net_traffic) == 56);
+static_assert(sizeof(system_stat) == 88);
+static_assert(offsetof(system_stat, swap_total) == 56);
+static_assert(sizeof(process_command) == 128);
 static_assert(sizeof(thermal_stat) == 48);
 static_assert(sizeof(bpu_stat) == 20);
 static_assert(sizeof(vio_stat) == 36);

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "requests.h"
+#include "text_tools.h"
 #include "texts.h"
 
 bpu_ratio_manager::bpu_ratio_manager() {
@@ -21,6 +22,7 @@ bpu_ratio_manager::~bpu_ratio_manager() = default;
 
 int bpu_ratio_manager::get_bpu_ratio_all(std::ostream* os) {
   constexpr size_t most_cores = 64;
-  return requests::query<bpu_stat>(*this, mon_protocol::bpu_ratio, nullptr, 0, most_cores,
-                                   texts::bpu, os);
+  return requests::query_records<bpu_stat>(
+      *this, {mon_protocol::cmd_bpu, mon_protocol::bpu_ratio}, most_cores,
+      {"BPU", texts::text_form::ended_line, text_tools::line_width()}, texts::bpu, os);
 }

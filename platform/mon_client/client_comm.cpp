@@ -19,6 +19,7 @@
 
 #include "mon_protocol.h"
 #include "name_lookup.h"
+#include "texts.h"
 
 namespace {
 
@@ -147,6 +148,7 @@ void client_comm::disconnect() {
   }
   fd = -1;
   client_id = 0;
+  lacking.clear();
 }
 
 int client_comm::connect_within(int timeout_ms, std::string& why) {
@@ -172,10 +174,23 @@ int client_comm::connect_within(int timeout_ms, std::string& why) {
   ret = exchange(mon_protocol::cmd_connection, mon_protocol::connection_hello, nullptr, 0,
                  deadline_ms);
   if (ret < 0) {
-    why = fmt::format("no monitor server answers there: {}", strerror(-ret));
+    why = why_no_hello(ret);
     disconnect();
+    return ret;
   }
-  return ret < 0 ? ret : 0;
+  ++connections;
+  return 0;
+}
+
+std::string client_comm::why_no_hello(int status) const {
+  const bool answered = fd >= 0;
+  if (answered && status == -EUSERS) {
+    return texts::full_server();
+  }
+  if (!answered && (status == -ECONNRESET || status == -EPIPE)) {
+    return "closed the connection without an answer (is it a monitor server?)";
+  }
+  return fmt::format("no monitor server answers there: {}", strerror(-status));
 }
 
 int client_comm::reconnect() {
@@ -185,8 +200,8 @@ int client_comm::reconnect() {
   if (ret < 0) {
     return ret;
   }
-  const std::vector<held_command> to_restore = held;
-  for (const held_command& command : to_restore) {
+  const std::vector<sent_command> to_restore = held;
+  for (const sent_command& command : to_restore) {
     const int status = exchange(command.command, command.sub_command, nullptr, 0, deadline_ms);
     if (fd < 0) {
       return status;
@@ -200,14 +215,33 @@ int client_comm::reconnect() {
 
 int client_comm::request(uint16_t command, uint16_t sub_command, const void* payload,
                          size_t length) {
-  const int64_t deadline_ms = now_ms() + timeout;
   if (fd < 0) {
     const int ret = reconnect();
     if (ret < 0) {
       return ret;
     }
   }
-  return exchange(command, sub_command, payload, length, deadline_ms);
+  if (contains(lacking, command, sub_command)) {
+    return -ENOSYS;
+  }
+  const int status = exchange(command, sub_command, payload, length, call_deadline_ms);
+  if (status == -ENOSYS && fd >= 0) {
+    lacking.push_back({command, sub_command});
+  }
+  return status;
+}
+
+void client_comm::begin_call() {
+  call_deadline_ms = now_ms() + timeout;
+}
+
+int client_comm::left_ms() const {
+  return static_cast<int>(call_deadline_ms - now_ms());
+}
+
+std::string client_comm::server_name() const {
+  const bool ipv6 = ip_addr.find(':') != std::string::npos;
+  return ipv6 ? fmt::format("[{}]:{}", ip_addr, port) : fmt::format("{}:{}", ip_addr, port);
 }
 
 int client_comm::reject_answer() {
@@ -268,10 +302,15 @@ int client_comm::receive_answer(const mon_protocol::message_header& asked,
   return mon_protocol::crc_matches(answer, recv_buf.data()) ? 0 : -EBADMSG;
 }
 
-bool client_comm::holds(uint16_t command, uint16_t sub_command) const {
-  return std::any_of(held.begin(), held.end(), [&](const held_command& one) {
+bool client_comm::contains(const std::vector<sent_command>& list, uint16_t command,
+                           uint16_t sub_command) {
+  return std::any_of(list.begin(), list.end(), [&](const sent_command& one) {
     return one.command == command && one.sub_command == sub_command;
   });
+}
+
+bool client_comm::holds(uint16_t command, uint16_t sub_command) const {
+  return contains(held, command, sub_command);
 }
 
 void client_comm::hold(uint16_t command, uint16_t sub_command) {
@@ -280,7 +319,7 @@ void client_comm::hold(uint16_t command, uint16_t sub_command) {
 }
 
 void client_comm::release(uint16_t command, uint16_t sub_command) {
-  const auto is_it = [&](const held_command& one) {
+  const auto is_it = [&](const sent_command& one) {
     return one.command == command && one.sub_command == sub_command;
   };
   held.erase(std::remove_if(held.begin(), held.end(), is_it), held.end());

@@ -1,15 +1,22 @@
 #include "cpu_stat_manager.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <sstream>
 #include <utility>
 
 #include "requests.h"
+#include "text_tools.h"
 #include "texts.h"
 
 namespace {
 
 constexpr size_t most_cpus = 1025;  // the total and 1,024 CPUs
+
+// A server that has taken so long already is not asked for more: running into the time-out would
+// cost the connection, and the rates with it.
+constexpr int least_left_ms = 500;
 
 // The process list has a head before its records.
 bool decode_process_list(const std::vector<uint8_t>& payload, int& total,
@@ -24,6 +31,30 @@ bool decode_process_list(const std::vector<uint8_t>& payload, int& total,
   const std::vector<uint8_t> rest(payload.begin() + head_size, payload.end());
   return mon_protocol::decode_records(rest, max_pid_msgs, list) &&
          list.size() == static_cast<size_t>(head[0]);
+}
+
+// The processes of a list, ascending: those in it, or those that its threads belong to.
+std::vector<int32_t> processes_of(const std::vector<pid_msg>& list, bool threads) {
+  std::vector<int32_t> processes(list.size());
+  std::transform(list.begin(), list.end(), processes.begin(),
+                 [threads](const pid_msg& msg) { return threads ? msg.ppid : msg.pid; });
+  std::sort(processes.begin(), processes.end());
+  return processes;
+}
+
+requests::request cpu_request(uint16_t sub_command) {
+  return {mon_protocol::cmd_cpu, sub_command};
+}
+
+// What `cpu_text` leaves of the panel carries the machine's load, if the server knows it.
+std::string system_text(client_comm& comm, const std::string& cpu_text, size_t width) {
+  const auto lines = static_cast<size_t>(std::count(cpu_text.begin(), cpu_text.end(), '\n'));
+  std::vector<system_stat> stat;
+  if (lines >= texts::cpu_lines || comm.left_ms() < least_left_ms ||
+      requests::ask_records(comm, cpu_request(mon_protocol::cpu_system), 1, stat, 1) < 0) {
+    return "";
+  }
+  return texts::system(stat.front(), texts::cpu_lines - lines, width);
 }
 
 }  // namespace
@@ -43,28 +74,76 @@ cpu_stat_manager::cpu_stat_manager(const std::string& ip, int port)
 cpu_stat_manager::~cpu_stat_manager() = default;
 
 int cpu_stat_manager::get_cpu_usage(std::ostream* os) {
-  const auto format = [this](const std::vector<cpu_usage>& cpus) {
+  const requests::text_place place{"CPU", texts::text_form::ended_line,
+                                   std::min(text_tools::line_width(), texts::cpu_columns)};
+  return requests::query(*this, place, os, [&](client_comm& comm) {
+    std::vector<cpu_usage> cpus;
+    const int ret =
+        requests::ask_records(comm, cpu_request(mon_protocol::cpu_usage_all), most_cpus, cpus);
+    if (ret < 0) {
+      return ret;
+    }
     cpus_num = cpus.empty() ? 0 : static_cast<int>(cpus.size()) - 1;
-    return texts::cpu(cpus);
-  };
-  return requests::query<cpu_usage>(*this, mon_protocol::cpu_usage_all, nullptr, 0, most_cpus,
-                                    format, os);
+    const std::string text = texts::cpu(cpus, place.width);
+    *os << text << system_text(comm, text, place.width);
+    return 0;
+  });
 }
 
 int cpu_stat_manager::get_process_all(int mode, std::ostream* os) {
   const int32_t asked = mode;
   const int sort_key = mode & 0xff;
   const bool threads = (mode & 0xff00) == 0xff00;
-  return requests::ask(*this, mon_protocol::cpu_process_list, &asked, sizeof asked,
-                       [&](client_comm& comm) {
-                         int total = 0;
-                         std::vector<pid_msg> list;
-                         if (!decode_process_list(comm.recv_buf, total, list)) {
-                           return comm.reject_answer();
-                         }
-                         *os << texts::processes(list, total, sort_key, threads);
-                         return 0;
-                       });
+  const requests::text_place place{"Processes", texts::text_form::ended_line,
+                                   text_tools::line_width()};
+  return requests::query(*this, place, os, [&](client_comm& comm) {
+    const int ret =
+        comm.request(mon_protocol::cmd_cpu, mon_protocol::cpu_process_list, &asked, sizeof asked);
+    if (ret < 0) {
+      return ret;
+    }
+    int total = 0;
+    std::vector<pid_msg> list;
+    if (!decode_process_list(comm.recv_buf, total, list)) {
+      return comm.reject_answer();
+    }
+    update_command_lines(comm, processes_of(list, threads));
+    *os << texts::processes(list, command_lines, total, sort_key, threads, place.width);
+    return 0;
+  });
+}
+
+// Asks for what is new and forgets what is not listed any more, as the server does. On a failure
+// the connection is closed, or its server does not have them: without them the list is still good.
+void cpu_stat_manager::update_command_lines(client_comm& comm,
+                                            const std::vector<int32_t>& processes) {
+  if (std::exchange(command_lines_of, comm.connections) != comm.connections) {
+    command_lines.clear();
+    command_lines_asked = true;
+  }
+  if (!command_lines_asked || comm.left_ms() < least_left_ms) {
+    return;
+  }
+  std::vector<process_command> changed;
+  if (requests::ask_records(comm, cpu_request(mon_protocol::cpu_command_lines), max_pid_msgs,
+                            changed) < 0) {
+    command_lines.clear();
+    command_lines_asked = false;
+    return;
+  }
+  const auto is_listed = [&processes](int32_t pid) {
+    return std::binary_search(processes.begin(), processes.end(), pid);
+  };
+  for (auto one = command_lines.begin(); one != command_lines.end();) {
+    one = is_listed(one->first) ? std::next(one) : command_lines.erase(one);
+  }
+  for (const process_command& command : changed) {
+    if (command.text[0] == '\0') {
+      command_lines.erase(command.pid);
+    } else if (is_listed(command.pid)) {
+      command_lines[command.pid] = text_tools::clean_name(command.text);
+    }
+  }
 }
 
 int cpu_stat_manager::enable_perf_mon() {
@@ -87,16 +166,31 @@ int cpu_stat_manager::disable_perf_mon() {
   });
 }
 
+// The counters' panel is closed once another client has them: nothing is said then.
 int cpu_stat_manager::get_perf_data(std::ostream* os) {
-  return requests::with_connection(*this, [&](client_comm& comm) {
-    const int ret = comm.request(mon_protocol::cmd_cpu, mon_protocol::cpu_perf_data, nullptr, 0);
-    if (ret == -EBUSY) {
-      comm.release(mon_protocol::cmd_cpu, mon_protocol::cpu_enable_perf);
-    }
-    return ret < 0 ? ret : requests::append_one<perf_sample>(comm, texts::counters, os);
-  });
+  const size_t width = text_tools::counters_width(text_tools::terminal_columns());
+  std::ostringstream text;
+  const int ret = requests::query(
+      *this, {"Counters", texts::text_form::ended_line, width}, &text, [&](client_comm& comm) {
+        std::vector<perf_sample> sample;
+        const int status =
+            requests::ask_records(comm, cpu_request(mon_protocol::cpu_perf_data), 1, sample, 1);
+        if (status == -EBUSY) {
+          comm.release(mon_protocol::cmd_cpu, mon_protocol::cpu_enable_perf);
+        } else if (status == 0) {
+          text << texts::counters(sample.front(), width);
+        }
+        return status;
+      });
+  if (ret != -EBUSY) {
+    *os << text.str();
+  }
+  return ret;
 }
 
 int cpu_stat_manager::cpu_mon_exit() {
-  return requests::order(*this, mon_protocol::cpu_exit);
+  return requests::ask(*this, mon_protocol::cpu_exit, nullptr, 0, [this](client_comm&) {
+    command_lines.clear();  // the server tells them anew
+    return 0;
+  });
 }

@@ -3,7 +3,25 @@
 #include <utility>
 
 #include "requests.h"
+#include "text_tools.h"
 #include "texts.h"
+
+namespace {
+
+template <class record>
+int append_devices(client_comm& comm, uint16_t sub_command, const requests::text_place& place,
+                   std::ostream* os) {
+  constexpr size_t most_devices = 512;
+  std::vector<record> devices;
+  const int ret =
+      requests::ask_records(comm, {mon_protocol::cmd_net, sub_command}, most_devices, devices);
+  if (ret == 0) {
+    *os << texts::net(devices, place.width);
+  }
+  return ret;
+}
+
+}  // namespace
 
 net_stat_manager::net_stat_manager() {
   request_cmd = mon_protocol::cmd_net;
@@ -24,9 +42,13 @@ int net_stat_manager::start_net_monitor() {
 }
 
 int net_stat_manager::get_bandwidth_stat(std::ostream* os) {
-  constexpr size_t most_devices = 512;
-  return requests::query<net_stat>(*this, mon_protocol::net_bandwidth, nullptr, 0, most_devices,
-                                   texts::net, os);
+  const requests::text_place place{"Net", texts::text_form::ended_line, text_tools::line_width()};
+  return requests::query(*this, place, os, [&](client_comm& comm) {
+    const int ret = append_devices<net_traffic>(comm, mon_protocol::net_by_direction, place, os);
+    // An older server has the sums of both directions only.
+    return ret == -ENOSYS ? append_devices<net_stat>(comm, mon_protocol::net_bandwidth, place, os)
+                          : ret;
+  });
 }
 
 int net_stat_manager::exit_net_monitor() {

@@ -11,10 +11,19 @@
 #include "client_comm.h"
 #include "mon_protocol.h"
 #include "request_handler.h"
+#include "texts.h"
 
 namespace requests {
 
 using ns_req_template::request_handler;
+
+// What to ask for.
+struct request {
+  uint16_t command;
+  uint16_t sub_command;
+  const void* payload = nullptr;
+  size_t length = 0;
+};
 
 // Calls `use` with the connection while no other request of the object is under way.
 template <class function>
@@ -24,6 +33,7 @@ int with_connection(request_handler& handler, function use) {
     return -ENOTCONN;
   }
   const std::lock_guard<std::mutex> lock(handler.client->comm_lock);
+  handler.client->begin_call();
   return use(*handler.client);
 }
 
@@ -61,30 +71,57 @@ inline int order_release(client_comm& comm, uint16_t command, uint16_t sub_comma
   return ret < 0 ? ret : 0;
 }
 
-// A request that is answered with at most `most` records; appends the text that `format` makes of
-// them.
-template <class record, class formatter>
-int query(request_handler& handler, uint16_t sub_command, const void* payload, size_t length,
-          size_t most, formatter format, std::ostream* os) {
-  return ask(handler, sub_command, payload, length, [&](client_comm& comm) {
-    std::vector<record> records;
-    if (!mon_protocol::decode_records(comm.recv_buf, most, records)) {
-      return comm.reject_answer();
+// How the text of a query begins and ends, and how wide it may be, should it fail.
+struct text_place {
+  const char* name;
+  texts::text_form form;
+  size_t width;
+};
+
+// Calls `use` with the connection while no other request of the object is under way: it makes a
+// query and appends its text. Where that fails, appends the line that says why.
+template <class function>
+int query(request_handler& handler, const text_place& place, std::ostream* os, function use) {
+  bool asked = false;
+  const int ret = with_connection(handler, [&](client_comm& comm) {
+    asked = true;
+    const int status = use(comm);
+    if (status < 0) {
+      *os << texts::failure({place.name, place.form, status, comm.fd >= 0, comm.server_name()},
+                            place.width);
     }
-    *os << format(records);
-    return 0;
+    return status;
   });
+  if (!asked) {
+    *os << texts::failure({place.name, place.form, ret, false, ""}, place.width);
+  }
+  return ret;
 }
 
-// Appends the text that `format` makes of an answer that must be exactly one record.
-template <class record, class formatter>
-int append_one(client_comm& comm, formatter format, std::ostream* os) {
-  std::vector<record> records;
-  if (!mon_protocol::decode_records(comm.recv_buf, 1, records) || records.empty()) {
-    return comm.reject_answer();
+// Asks for at most `most` records, `least` at least.
+template <class record>
+int ask_records(client_comm& comm, const request& asked, size_t most, std::vector<record>& records,
+                size_t least = 0) {
+  const int ret = comm.request(asked.command, asked.sub_command, asked.payload, asked.length);
+  if (ret < 0) {
+    return ret;
   }
-  *os << format(records.front());
-  return 0;
+  const bool good = mon_protocol::decode_records(comm.recv_buf, most, records);
+  return good && records.size() >= least ? 0 : comm.reject_answer();
+}
+
+// Asks for records and appends the text that `format` makes of them and of the place's width.
+template <class record, class formatter>
+int query_records(request_handler& handler, const request& asked, size_t most,
+                  const text_place& place, formatter format, std::ostream* os) {
+  return query(handler, place, os, [&](client_comm& comm) {
+    std::vector<record> records;
+    const int ret = ask_records(comm, asked, most, records);
+    if (ret == 0) {
+      *os << format(records, place.width);
+    }
+    return ret;
+  });
 }
 
 }  // namespace requests

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "requests.h"
+#include "text_tools.h"
 #include "texts.h"
 
 vio_info_manager::vio_info_manager() {
@@ -21,6 +22,7 @@ vio_info_manager::~vio_info_manager() = default;
 
 int vio_info_manager::sort_all_vio_fps(std::ostream* os) {
   constexpr size_t most_pipelines = 64;
-  return requests::query<vio_stat>(*this, mon_protocol::vio_fps, nullptr, 0, most_pipelines,
-                                   texts::vio, os);
+  return requests::query_records<vio_stat>(
+      *this, {mon_protocol::cmd_vio, mon_protocol::vio_fps}, most_pipelines,
+      {"VIO", texts::text_form::ended_line, text_tools::line_width()}, texts::vio, os);
 }

@@ -3,6 +3,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "server_log.h"
+
 int counters_owner::enable(counters_claim& claim) {
   if (holder == &claim) {
     return 0;
@@ -11,10 +13,14 @@ int counters_owner::enable(counters_claim& claim) {
   if (claim.refused) {
     return -EBUSY;
   }
-  auto opened = std::make_unique<samplers::counter_set>(machine);
-  int ret = opened->open();
+  auto opened = std::make_unique<open_counters>();
+  int ret = opened->set.open();
   if (ret == 0) {
-    ret = opened->read(last);
+    ret = opened->set.read(last);
+  }
+  if (opened->set.lacks_descriptors && !std::exchange(lack_told, true)) {
+    server_log(log_priority::warning,
+               "too few descriptors (ulimit -n) for all counters: some are unknown");
   }
   if (ret < 0) {
     return ret;
@@ -42,7 +48,7 @@ int counters_owner::read(counters_claim& claim, perf_sample& sample) {
     return claim.lost || claim.refused || holder != nullptr ? -EBUSY : -EINVAL;
   }
   samplers::counter_reading now;
-  const int ret = counters->read(now);
+  const int ret = counters->set.read(now);
   if (ret < 0) {
     return ret;
   }

@@ -34,10 +34,15 @@ class counters_owner {
   void stop();
 
   // Counting is done on this machine, whatever tree its other figures are read from.
-  const samplers::file_reader machine{""};
+  struct open_counters {
+    const samplers::file_reader machine{""};
+    samplers::counter_set set{machine};
+  };
+
   counters_claim* holder = nullptr;
-  std::unique_ptr<samplers::counter_set> counters;  // open while there is a holder
+  std::unique_ptr<open_counters> counters;  // while there is a holder
   samplers::counter_reading last;
+  bool lack_told = false;  // the log says that descriptors are lacking
 };
 
 #endif

@@ -7,7 +7,10 @@
 #include <utility>
 
 #include "samplers/board.h"
+#include "samplers/clock.h"
+#include "samplers/command_line.h"
 #include "samplers/ion.h"
+#include "samplers/mounts.h"
 #include "samplers/partitions.h"
 #include "samplers/thermal.h"
 #include "server_log.h"
@@ -17,10 +20,14 @@ namespace {
 using mon_protocol::message_header;
 using replier = std::function<void(answer)>;
 
-// One thread for each of the four families, so that a driver that hangs holds up no other; as many
+// One thread for each of the five families, so that a driver that hangs holds up no other; as many
 // mounts may be dead before all partitions are unknown.
-constexpr size_t slow_threads = 4;
+constexpr size_t slow_threads = 5;
 constexpr size_t most_partitions = 16;
+
+// A read on another thread takes the server 80 us, twice what the rest of the answer does, and what
+// is swapped moves slowly.
+constexpr int64_t zram_young_us = 5000000;
 
 template <class record>
 std::vector<uint8_t> bytes_of(const std::vector<record>& records) {
@@ -52,11 +59,20 @@ answer answer_rates(snapshot_source<sample>& source, rate_interval<sample>& inte
   return success(rates_of(interval.before.get(), *interval.now));
 }
 
-answer cpu_answer(session_state& state, machine_figures& figures) {
-  const auto read = [&](samplers::cpu_sample& sample, const samplers::cpu_sample*) {
+auto cpu_reader(machine_figures& figures) {
+  return [&figures](samplers::cpu_sample& sample, const samplers::cpu_sample*) {
     return samplers::read_cpu_sample(*figures.root, sample);
   };
-  return answer_rates(figures.cpus, state.cpus, read, samplers::cpu_rates);
+}
+
+auto memory_reader(machine_figures& figures) {
+  return [&figures](samplers::memory_sample& sample, const samplers::memory_sample*) {
+    return samplers::read_memory_sample(*figures.root, sample);
+  };
+}
+
+answer cpu_answer(session_state& state, machine_figures& figures) {
+  return answer_rates(figures.cpus, state.cpus, cpu_reader(figures), samplers::cpu_rates);
 }
 
 answer block_answer(session_state& state, machine_figures& figures) {
@@ -68,55 +84,62 @@ answer block_answer(session_state& state, machine_figures& figures) {
   return answer_rates(figures.blocks, state.blocks, read, samplers::block_rates);
 }
 
-answer net_answer(session_state& state, machine_figures& figures) {
+template <class rates>
+answer net_answer(session_state& state, machine_figures& figures, rates rates_of) {
   const auto read = [&](samplers::net_sample& sample, const samplers::net_sample* last) {
     const int error = samplers::read_net_sample(*figures.root, sample);
     samplers::doubt_zeros(last, sample);
     return error;
   };
-  return answer_rates(figures.net_devices, state.net_devices, read, samplers::net_rates);
+  return answer_rates(figures.net_devices, state.net_devices, read, rates_of);
+}
+
+// Both requests end the same interval: whoever asks for one after the other has the same rates.
+answer traffic_answer(uint16_t sub_command, session_state& state, machine_figures& figures) {
+  if (!state.net_monitor) {
+    return status_only(-EINVAL);
+  }
+  return sub_command == mon_protocol::net_bandwidth
+             ? net_answer(state, figures, samplers::net_rates)
+             : net_answer(state, figures, samplers::net_rates_by_direction);
 }
 
 answer memory_answer(session_state& state, machine_figures& figures) {
-  const auto read = [&](samplers::memory_sample& sample, const samplers::memory_sample*) {
-    return samplers::read_memory_sample(*figures.root, sample);
-  };
   const auto newest = [](const samplers::memory_sample*, const samplers::memory_sample& now) {
     return std::vector<meminfo>{now.info};
   };
-  return answer_rates(figures.memory, state.memory, read, newest);
+  return answer_rates(figures.memory, state.memory, memory_reader(figures), newest);
 }
 
-answer process_answer(const std::vector<uint8_t>& payload, session_state& state,
-                      machine_figures& figures) {
+void handle_process_list(const std::vector<uint8_t>& payload, session_state& state,
+                         machine_figures& figures, const replier& reply) {
   int32_t mode = 0;
   if (payload.size() != sizeof mode) {
-    return status_only(-EINVAL);
+    return reply(status_only(-EINVAL));
   }
   std::memcpy(&mode, payload.data(), sizeof mode);
-  const int sort_key = mode & 0xff;
-  const bool threads = (mode & 0xff00) == 0xff00;
-  auto& interval = threads ? state.threads : state.processes;
-  const int64_t young_us = interval.young_us();
-  const auto read = [&](samplers::process_sample& sample, const samplers::process_sample*) {
-    return figures.process_sampler.read(threads, young_us, sample);
+  process_lists::request wanted;
+  wanted.threads = (mode & 0xff00) == 0xff00;
+  wanted.sort_key = samplers::known_sort_key(mode & 0xff);
+  auto& interval = wanted.threads ? state.threads : state.processes;
+  wanted.over = interval;
+  interval.before.reset();  // so that its memory may serve for the new one
+  const auto take = [reply, &interval, &state](const process_lists::result& made) {
+    if (made.error < 0) {
+      return reply(status_only(made.error));
+    }
+    interval = made.over;
+    state.listed = made.list->processes;
+    reply({0, made.list->bytes});
   };
-  const int error = (threads ? figures.threads : figures.processes).end_interval(interval, read);
-  if (error < 0) {
-    return status_only(error);
+  state.list_asked = figures.lists.ask(std::move(wanted), take);
+}
+
+answer command_answer(session_state& state, machine_figures& figures) {
+  if (!state.listed) {
+    return {};
   }
-  if (!std::exchange(figures.way_told, true)) {
-    server_log(log_priority::info, figures.process_sampler.way());
-  }
-  const auto make = [&] {
-    top_pid_info top{};
-    figures.process_ranking.top(interval.before.get(), *interval.now, sort_key, top);
-    const size_t size =
-        offsetof(top_pid_info, send_pid_info) + static_cast<size_t>(top.pid_num) * sizeof(pid_msg);
-    const auto* bytes = reinterpret_cast<const uint8_t*>(&top);
-    return std::vector<uint8_t>(bytes, bytes + size);
-  };
-  return {0, figures.ranked.list(interval, sort_key, make)};
+  return success(figures.commands.tell(*state.listed, state.told_commands));
 }
 
 answer perf_answer(session_state& state, machine_figures& figures) {
@@ -127,9 +150,58 @@ answer perf_answer(session_state& state, machine_figures& figures) {
 
 // The process lists start afresh. The CPUs' interval is kept: the next share of a CPU is still over
 // the client's cycle, and not since boot.
-void exit_process_monitoring(session_state& state) {
+void exit_process_monitoring(session_state& state, machine_figures& figures) {
   state.processes.reset();
   state.threads.reset();
+  state.listed.reset();
+  state.told_commands.clear();
+  figures.commands.forget_unlisted();
+}
+
+// The files of CPUs and memory are read once for those who ask for these as well.
+system_stat newest_system(session_state& state, machine_figures& figures) {
+  const int64_t young_us = state.system.young_us();
+  const auto read = [&](samplers::system_sample& sample, const samplers::system_sample*) {
+    std::shared_ptr<const samplers::cpu_sample> cpus;
+    std::shared_ptr<const samplers::memory_sample> memory;
+    figures.cpus.newest(young_us, cpu_reader(figures), cpus);
+    figures.memory.newest(young_us, memory_reader(figures), memory);
+    figures.system_sampler.read(*figures.root, cpus.get(), memory.get(), sample);
+    return 0;
+  };
+  figures.system.end_interval(state.system, read);
+  return samplers::system_figures(state.system.before.get(), *state.system.now);
+}
+
+// A zram device that is being written back may keep its readers waiting.
+void handle_system(session_state& state, machine_figures& figures, const replier& reply) {
+  const auto finish = [&figures, reply, stat = newest_system(state, figures)] {
+    system_stat whole = stat;
+    whole.zram_data = figures.zram.data;
+    whole.zram_used = figures.zram.used;
+    reply(success(std::vector<system_stat>{whole}));
+  };
+  const std::vector<std::string>& devices = figures.system_sampler.zram_devices();
+  const bool young =
+      figures.zram_us != 0 && samplers::monotonic_us() - figures.zram_us < zram_young_us;
+  if (devices.empty()) {
+    figures.zram = {};
+  }
+  if (devices.empty() || young) {
+    return finish();
+  }
+  const auto read = [root = figures.root, devices] {
+    return bytes_of(std::vector<samplers::zram_use>{samplers::read_zram(*root, devices)});
+  };
+  const auto take = [&figures, finish](const std::shared_ptr<const slow_reader::bytes>& result) {
+    figures.zram = {};
+    if (result) {
+      std::memcpy(&figures.zram, result->data(), sizeof figures.zram);
+    }
+    figures.zram_us = samplers::monotonic_us();
+    finish();
+  };
+  figures.drivers.ask({"zram", "zram", &state}, zram_young_us, read, take);
 }
 
 void handle_cpu(uint16_t sub_command, const std::vector<uint8_t>& payload, session_state& state,
@@ -138,7 +210,7 @@ void handle_cpu(uint16_t sub_command, const std::vector<uint8_t>& payload, sessi
     case mon_protocol::cpu_usage_all:
       return reply(cpu_answer(state, figures));
     case mon_protocol::cpu_process_list:
-      return reply(process_answer(payload, state, figures));
+      return handle_process_list(payload, state, figures, reply);
     case mon_protocol::cpu_enable_perf:
       return reply(status_only(figures.counters.enable(state.counters)));
     case mon_protocol::cpu_disable_perf:
@@ -146,8 +218,12 @@ void handle_cpu(uint16_t sub_command, const std::vector<uint8_t>& payload, sessi
     case mon_protocol::cpu_perf_data:
       return reply(perf_answer(state, figures));
     case mon_protocol::cpu_exit:
-      exit_process_monitoring(state);
+      exit_process_monitoring(state, figures);
       return reply({});
+    case mon_protocol::cpu_system:
+      return handle_system(state, figures, reply);
+    case mon_protocol::cpu_command_lines:
+      return reply(command_answer(state, figures));
     default:
       return reply(status_only(-ENOSYS));
   }
@@ -165,9 +241,10 @@ void answer_slowly(slow_reader& reader, const char* key, client_cycle& cycle, sa
   };
   const int64_t young_us = cycle.young_us();
   cycle.ask();
-  reader.ask(key, young_us, read, [reply](const std::shared_ptr<const slow_reader::bytes>& result) {
-    reply(result ? answer{0, *result} : status_only(-ETIMEDOUT));
-  });
+  reader.ask({key, key, &cycle}, young_us, read,
+             [reply](const std::shared_ptr<const slow_reader::bytes>& result) {
+               reply(result ? answer{0, *result} : status_only(-ETIMEDOUT));
+             });
 }
 
 void handle_thermal(session_state& state, machine_figures& figures, const replier& reply) {
@@ -202,6 +279,7 @@ void handle_vio(session_state& state, machine_figures& figures, const replier& r
 struct partition_answer {
   std::vector<part_info> parts;
   size_t missing = 0;
+  const void* client = nullptr;
   replier reply;
 };
 
@@ -212,22 +290,73 @@ part_info unknown_partition(const std::string& path) {
   return part;
 }
 
-void ask_partition(machine_figures& figures, const std::shared_ptr<partition_answer>& pending,
-                   size_t index, int64_t young_us, const std::string& path) {
-  const auto read = [path] {
-    part_info part = unknown_partition(path);
+samplers::mount_table read_mounts() {
+  std::string text;
+  samplers::file_reader("").read("proc/self/mountinfo", text);
+  return samplers::mount_table(text);
+}
+
+// The mounts as they were half a second ago at most.
+std::shared_ptr<const samplers::mount_table> newest_mounts(machine_figures& figures) {
+  constexpr int64_t young_mounts_us = 500000;
+  const int64_t now_us = samplers::monotonic_us();
+  if (!figures.mounts || now_us - figures.mounts_us >= young_mounts_us) {
+    figures.mounts = std::make_shared<const samplers::mount_table>(read_mounts());
+    figures.mounts_us = now_us;
+  }
+  return figures.mounts;
+}
+
+// What a question to the mount of `device` gives: a record, and behind it where on another mount
+// the path leads if it does. One that was mounted over the path since the question was put, and may
+// be dead, is another as well.
+slow_reader::bytes read_on_mount(const std::string& device, std::string path) {
+  const samplers::mount_table mounts = read_mounts();
+  const auto is_elsewhere = [&] { return mounts.find(path).device != device; };
+  part_info part = unknown_partition("");
+  const bool found = is_elsewhere() || samplers::follow_links(mounts, path) == 0;
+  const bool elsewhere = found && is_elsewhere();
+  if (found && !elsewhere) {
     samplers::read_partition(path.c_str(), part);
-    return bytes_of(std::vector<part_info>{part});
-  };
-  const auto take = [pending, index](const std::shared_ptr<const slow_reader::bytes>& result) {
-    if (result) {
-      std::memcpy(&pending->parts[index], result->data(), sizeof(part_info));
+  }
+  slow_reader::bytes result = bytes_of(std::vector<part_info>{part});
+  if (elsewhere) {
+    result.insert(result.end(), path.begin(), path.end());
+  }
+  return result;
+}
+
+void finish_partition(partition_answer& pending, size_t index, const part_info* figures) {
+  if (figures != nullptr) {
+    part_info& part = pending.parts[index];
+    const part_info asked = part;
+    part = *figures;
+    std::memcpy(part.part_name, asked.part_name, sizeof part.part_name);
+  }
+  if (--pending.missing == 0) {
+    pending.reply(success(pending.parts));
+  }
+}
+
+// Asks the mount that the path lies on, and then those that its symbolic links lead to, up to
+// `mounts_left`. Nothing else is touched: a mount that hangs holds up its own paths only.
+void ask_partition(machine_figures& figures, const std::shared_ptr<partition_answer>& pending,
+                   size_t index, int64_t young_us, const std::string& path, int mounts_left) {
+  if (path.empty() || mounts_left == 0) {
+    return finish_partition(*pending, index, nullptr);
+  }
+  const std::string lane = newest_mounts(figures)->find(path).device;
+  const auto read = [lane, path] { return read_on_mount(lane, path); };
+  const auto take = [=, &figures](const std::shared_ptr<const slow_reader::bytes>& result) {
+    if (result && result->size() > sizeof(part_info)) {
+      figures.mounts.reset();
+      return ask_partition(figures, pending, index, young_us,
+                           {result->begin() + sizeof(part_info), result->end()}, mounts_left - 1);
     }
-    if (--pending->missing == 0) {
-      pending->reply(success(pending->parts));
-    }
+    finish_partition(*pending, index,
+                     result ? reinterpret_cast<const part_info*>(result->data()) : nullptr);
   };
-  figures.partitions.ask(path, young_us, read, take);
+  figures.partitions.ask({path, lane, pending->client}, young_us, read, take);
 }
 
 void handle_partitions(const std::vector<uint8_t>& payload, session_state& state,
@@ -253,9 +382,11 @@ void handle_partitions(const std::vector<uint8_t>& payload, session_state& state
   const int64_t young_us = state.partitions.young_us();
   state.partitions.ask();
   pending->missing = paths.size();
+  pending->client = &state;
   pending->reply = reply;
+  constexpr int most_mounts = 8;
   for (size_t i = 0; i < paths.size(); ++i) {
-    ask_partition(figures, pending, i, young_us, paths[i]);
+    ask_partition(figures, pending, i, young_us, samplers::normal_path(paths[i]), most_mounts);
   }
 }
 
@@ -285,10 +416,11 @@ void handle_net(uint16_t sub_command, session_state& state, machine_figures& fig
       state.net_monitor = true;
       // The first sample, which the first answer's rates start from. That it may not be had now
       // keeps nobody from asking later.
-      net_answer(state, figures);
+      net_answer(state, figures, samplers::net_rates);
       return reply({});
     case mon_protocol::net_bandwidth:
-      return reply(state.net_monitor ? net_answer(state, figures) : status_only(-EINVAL));
+    case mon_protocol::net_by_direction:
+      return reply(traffic_answer(sub_command, state, figures));
     case mon_protocol::net_exit:
       state.net_monitor = false;
       state.net_devices.reset();
@@ -321,7 +453,9 @@ machine_figures::machine_figures(asio::io_context& loop, const server_options& o
     : root(std::make_shared<const samplers::file_reader>(options.sysroot)),
       board(options.board.empty() ? nullptr
                                   : std::make_shared<const samplers::file_reader>(options.board)),
-      process_sampler(root, {options.keep_files, options.use_bpf}),
+      lists(loop, root, {options.keep_files, options.use_bpf}),
+      commands(
+          [machine = root](int32_t pid) { return samplers::read_command_line(*machine, pid); }),
       drivers(loop, slow_threads),
       partitions(loop, slow_threads) {}
 
@@ -351,6 +485,8 @@ void handle_request(const message_header& request, const std::vector<uint8_t>& p
 }
 
 void release_session(session_state& state, machine_figures& figures) {
+  figures.lists.drop(state.list_asked);
   figures.counters.release(state.counters);
   state = session_state();
+  figures.commands.forget_unlisted();
 }

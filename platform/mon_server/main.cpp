@@ -1,12 +1,21 @@
 #include <malloc.h>
+#include <pthread.h>
 #include <sys/resource.h>
 
 #include <asio/io_context.hpp>
 #include <asio/signal_set.hpp>
+#include <chrono>
 #include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <filesystem>
 #include <iostream>
+#include <iterator>
 #include <string>
+#include <thread>
 
+#include "confinement.h"
 #include "server.h"
 #include "server_log.h"
 #include "server_options.h"
@@ -25,12 +34,55 @@ void raise_descriptor_limit() {
 
 // Large blocks that were needed once (the kernel's types, answers that nobody reads) go back to the
 // kernel: by itself the allocator would raise these limits to the largest block that it has seen.
-// The threads of slow reads need little, and share the one arena.
+// The threads of slow reads need little, and share the one arena; their stacks count against
+// RLIMIT_AS.
 void keep_memory_small() {
   constexpr int limit = 128 * 1024;
   mallopt(M_MMAP_THRESHOLD, limit);
   mallopt(M_TRIM_THRESHOLD, limit);
   mallopt(M_ARENA_MAX, 1);
+  pthread_attr_t small;
+  pthread_attr_init(&small);
+  pthread_attr_setstacksize(&small, 4 * limit);
+  pthread_setattr_default_np(&small);
+  pthread_attr_destroy(&small);
+}
+
+bool one_thread_left() {
+  const auto threads = std::filesystem::directory_iterator("/proc/self/task");
+  return std::distance(begin(threads), end(threads)) <= 1;
+}
+
+// Threads of reads that hang in the kernel are left behind. What runs at exit must not take apart
+// what they use, nor wait for them: the leak check of the sanitizer stops all threads with ptrace,
+// and one that waits for a dead mount does not stop.
+void leave_hanging_threads(int status) {
+  constexpr int turns = 10;  // the others end at once
+  for (int turn = 0; turn < turns && !one_thread_left(); ++turn) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  if (!one_thread_left()) {
+    std::_Exit(status);
+  }
+}
+
+int serve(const server_options& options) {
+  asio::io_context loop(1);
+  server monitor(loop, options);
+  const std::string problem = monitor.listen();
+  if (!problem.empty()) {
+    server_log(log_priority::error, problem);
+    return 1;
+  }
+  const int refused = confine(options.use_bpf && options.sysroot.empty());
+  if (refused < 0) {
+    server_log(log_priority::warning,
+               "cannot give up rights that it does not need: " + std::string(strerror(-refused)));
+  }
+  asio::signal_set stop(loop, SIGTERM, SIGINT);
+  stop.async_wait([&loop](const asio::error_code&, int) { loop.stop(); });
+  monitor.run();
+  return 0;
 }
 
 }  // namespace
@@ -52,15 +104,12 @@ int main(int argc, char** argv) {
   keep_memory_small();
   // Log lines to a reader that went away must not end the server.
   std::signal(SIGPIPE, SIG_IGN);
-  asio::io_context loop(1);
-  server monitor(loop, options);
-  const std::string problem = monitor.listen();
-  if (!problem.empty()) {
-    server_log(log_priority::error, problem);
+  try {
+    const int status = serve(options);
+    leave_hanging_threads(status);
+    return status;
+  } catch (const std::exception& error) {  // no descriptor or memory for what every server needs
+    server_log(log_priority::error, std::string("cannot start: ") + error.what());
     return 1;
   }
-  asio::signal_set stop(loop, SIGTERM, SIGINT);
-  stop.async_wait([&loop](const asio::error_code&, int) { loop.stop(); });
-  loop.run();
-  return 0;
 }

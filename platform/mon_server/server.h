@@ -4,19 +4,21 @@
 
 #include <asio/io_context.hpp>
 #include <asio/ip/tcp.hpp>
-#include <asio/steady_timer.hpp>
 #include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "handlers.h"
+#include "held_samples.h"
+#include "place_holder.h"
 #include "server_log.h"
 #include "server_options.h"
 
 class session;
 
-// One thread runs `loop`, and with it the server.
+// On one thread.
 class server {
  public:
   server(asio::io_context& loop, const server_options& options);
@@ -27,24 +29,39 @@ class server {
   // Starts to listen. Empty, or why it cannot.
   std::string listen();
 
+  // Serves until the loop is stopped. Goes on after an exception of whatever runs on the loop; what
+  // concerns a client has ended its session by then.
+  void run();
+
   // The port that it listens on.
   uint16_t port() const;
 
  private:
   void accept();
   void take(asio::ip::tcp::socket connection);
-  void accept_failed(const asio::error_code& error);
+  void make_room_for(const place_holder& newcomer);
+  void refuse(asio::ip::tcp::socket connection);
+  void trouble(const std::string& what);
+  template <class function>
+  void for_each_session(function work);
+  void check_sessions();
+  void bound_memory(size_t most_samples);
   void session_ended(uint32_t id);
 
   const server_options options;
+  asio::io_context& loop;
   machine_figures figures;
   asio::ip::tcp::acceptor acceptor;
-  asio::steady_timer pause;  // after a failed accept
-  bool paused = false;
+  bool accepting = false;
+  int64_t checked_us = 0;  // monotonic, when the sessions' deadlines were looked at last
   limited_log bad_peers;
-  limited_log accept_errors;
+  limited_log own_troubles;
   std::map<uint32_t, std::weak_ptr<session>> sessions;  // by client id
   uint32_t next_id = 1;
+  held_samples held;
+  std::vector<session_state*> session_states;  // for `held`
+  // Every refusal that waits holds it too.
+  const std::shared_ptr<void> refusal_place = std::make_shared<char>();
 };
 
 #endif

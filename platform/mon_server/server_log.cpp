@@ -2,23 +2,30 @@
 
 #include <unistd.h>
 
+#include <chrono>
+
+#include "line_output.h"
 #include "samplers/clock.h"
 
 namespace {
 
 constexpr int64_t minute_us = 60 * 1000000LL;
 
+std::string head_of(log_priority priority) {
+  return '<' + std::to_string(static_cast<int>(priority)) + '>';
+}
+
 }  // namespace
 
 void server_log(log_priority priority, const std::string& text) {
-  std::string line = '<' + std::to_string(static_cast<int>(priority)) + '>' + text;
+  static line_output output(std::chrono::milliseconds(0), STDERR_FILENO);
+  std::string line = head_of(priority) + text;
   for (char& c : line) {
     if (c < ' ' || c > '~') {
       c = '?';
     }
   }
-  line += '\n';
-  [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, line.data(), line.size());
+  output.write(line + '\n', head_of(log_priority::warning));
 }
 
 void limited_log::write(log_priority priority, const std::string& text) {

@@ -8,6 +8,8 @@
 
 enum class log_priority { error = 3, warning = 4, info = 6 };
 
+// Never waits: a line that finds no room is lost, and the next one that does says how many were. On
+// the event loop's thread only.
 void server_log(log_priority priority, const std::string& text);
 
 // Lines that somebody outside can cause as often as he likes: so many a minute are written, the

@@ -11,6 +11,8 @@
 #include <thread>
 #include <utility>
 
+#include "confinement.h"
+#include "memory_wait.h"
 #include "samplers/clock.h"
 
 namespace {
@@ -22,8 +24,8 @@ constexpr int64_t least_young_us = 500000;
 constexpr int64_t most_young_us = 1000000;
 // A result that came after the deadline answers the next question, if that comes in time.
 constexpr int64_t late_us = 10 * 1000000LL;
-// Keys come from clients (paths); more are not kept, nor read at a time.
-constexpr size_t most_entries = 64;
+// Keys come from clients, 64 of them with up to 16 paths each at a time; more are not kept.
+constexpr size_t most_entries = 1024;
 
 }  // namespace
 
@@ -40,6 +42,8 @@ struct slow_reader::waiter {
     std::exchange(answer, nullptr)(result);
     return true;
   }
+
+  bool settled() const { return !answer; }
 
   reply answer;
   asio::steady_timer timer;
@@ -75,6 +79,7 @@ struct slow_reader::thread_pool : std::enable_shared_from_this<thread_pool> {
   }
 
   void run() {
+    drop_bpf_capabilities();
     std::unique_lock<std::mutex> guard(lock);
     while (true) {
       ++idle;
@@ -86,11 +91,14 @@ struct slow_reader::thread_pool : std::enable_shared_from_this<thread_pool> {
       const task next = std::move(tasks.front());
       tasks.pop_front();
       guard.unlock();
-      const bytes result = next.read();
+      const bytes result = when_memory_allows(next.read);
+      when_memory_allows([&] {
+        const std::lock_guard<std::mutex> hand_over_guard(lock);
+        if (!stopped) {
+          next.hand_over(result);
+        }
+      });
       guard.lock();
-      if (!stopped) {
-        next.hand_over(result);
-      }
     }
   }
 
@@ -119,36 +127,85 @@ slow_reader::~slow_reader() {
   pool->stop();
 }
 
-void slow_reader::ask(const std::string& key, int64_t young_us, const job& read,
-                      const reply& answer) {
+void slow_reader::ask(const place& where, int64_t young_us, const job& read, const reply& answer) {
   forget_old();
-  entry& slot = entries[key];
   const int64_t now_us = samplers::monotonic_us();
-  if (slot.result &&
-      (slot.not_seen || now_us - slot.ended_us < std::max(young_us, least_young_us))) {
-    slot.not_seen = false;
-    answer(slot.result);
-    return;
+  const auto known = entries.find(where.key);
+  if (known != entries.end() && known->second.result) {
+    entry& slot = known->second;
+    if (slot.not_seen || now_us - slot.ended_us < std::max(young_us, least_young_us)) {
+      slot.not_seen = false;
+      answer(slot.result);
+      return;
+    }
   }
-  const bool stuck = slot.under_way && now_us - slot.started_us >= deadline_us;
-  if (stuck || (!slot.under_way && !start(key, slot, read))) {
+  const auto lane = lanes.find(where.lane);
+  const bool stuck = lane != lanes.end() && now_us - lane->second >= deadline_us;
+  if (stuck || !add_question(where, read)) {
     answer(nullptr);
     return;
   }
-  wait_for(slot, answer);
+  wait_for(where.key, answer);
+  start_questions();
 }
 
-bool slow_reader::start(const std::string& key, entry& slot, const job& read) {
-  const auto hand_over = [this, key](const bytes& result) {
-    asio::post(loop, [this, key, result] { ended(key, result); });
-  };
-  slot.started_us = samplers::monotonic_us();
-  slot.under_way = make_room(key) && pool->add({read, hand_over});
-  const bool started = slot.under_way;
-  if (!started) {
-    entries.erase(key);
+// False when there are too many.
+bool slow_reader::add_question(const place& where, const job& read) {
+  entry& slot = entries[where.key];
+  if (slot.under_way) {
+    return true;
   }
-  return started;
+  if (!make_room(where.key)) {
+    entries.erase(where.key);
+    return false;
+  }
+  slot.under_way = true;
+  // A client with many questions gets far ahead, and those with few come between.
+  uint64_t& last = last_turns[where.client];
+  last = std::max(last, turn) + 1;
+  questions.push_back({where, last, read});
+  return true;
+}
+
+void slow_reader::start_questions() {
+  while (lanes.size() < pool->most_threads) {
+    auto next = questions.end();
+    for (auto one = questions.begin(); one != questions.end(); ++one) {
+      if (lanes.count(one->where.lane) == 0 &&
+          (next == questions.end() || one->turn < next->turn)) {
+        next = one;
+      }
+    }
+    if (next == questions.end()) {
+      return;
+    }
+    const question started = std::move(*next);
+    questions.erase(next);
+    turn = std::max(turn, started.turn);
+    if (!start(started)) {
+      give_up(started.where.key);
+    }
+  }
+}
+
+bool slow_reader::start(const question& next) {
+  const auto hand_over = [this, where = next.where](const bytes& result) {
+    asio::post(loop, [this, where, result] { ended(where.key, where.lane, result); });
+  };
+  if (!pool->add({next.read, hand_over})) {
+    return false;
+  }
+  lanes[next.where.lane] = samplers::monotonic_us();
+  return true;
+}
+
+// Answers whoever waits for the read, which is not under way any more, without a result.
+void slow_reader::give_up(const std::string& key) {
+  const auto waiters = std::exchange(entries[key].waiters, {});
+  entries.erase(key);
+  for (const auto& waiting : waiters) {
+    waiting->settle(nullptr);
+  }
 }
 
 // Forgets the oldest result when there are too many entries beside the one of `key`. False when all
@@ -171,18 +228,28 @@ bool slow_reader::make_room(const std::string& key) {
   return true;
 }
 
-void slow_reader::wait_for(entry& slot, const reply& answer) {
+void slow_reader::wait_for(const std::string& key, const reply& answer) {
   auto waiting = std::make_shared<waiter>(loop, answer);
-  slot.waiters.push_back(waiting);
+  entries[key].waiters.push_back(waiting);
   waiting->timer.expires_after(std::chrono::microseconds(deadline_us));
-  waiting->timer.async_wait([waiting](const asio::error_code& error) {
-    if (!error) {
-      waiting->settle(nullptr);
+  waiting->timer.async_wait([this, waiting, key](const asio::error_code& error) {
+    if (error || !waiting->settle(nullptr)) {
+      return;
+    }
+    // A question that nobody waits for any more is not asked.
+    const auto mine = std::find_if(questions.begin(), questions.end(),
+                                   [&](const question& one) { return one.where.key == key; });
+    const auto& waiters = entries[key].waiters;
+    if (mine != questions.end() && std::all_of(waiters.begin(), waiters.end(),
+                                               [](const auto& one) { return one->settled(); })) {
+      questions.erase(mine);
+      entries.erase(key);
     }
   });
 }
 
-void slow_reader::ended(const std::string& key, bytes result) {
+void slow_reader::ended(const std::string& key, const std::string& lane, bytes result) {
+  lanes.erase(lane);
   entry& slot = entries[key];
   slot.under_way = false;
   slot.ended_us = samplers::monotonic_us();
@@ -194,6 +261,7 @@ void slow_reader::ended(const std::string& key, bytes result) {
     seen = waiting->settle(kept) || seen;
   }
   entries[key].not_seen = !seen;
+  start_questions();
 }
 
 void slow_reader::forget_old() {
@@ -202,5 +270,8 @@ void slow_reader::forget_old() {
     const int64_t kept_us = one->second.not_seen ? late_us : most_young_us;
     const bool old = !one->second.under_way && now_us - one->second.ended_us >= kept_us;
     one = old ? entries.erase(one) : std::next(one);
+  }
+  for (auto one = last_turns.begin(); one != last_turns.end();) {
+    one = questions.empty() || one->second <= turn ? last_turns.erase(one) : std::next(one);
   }
 }

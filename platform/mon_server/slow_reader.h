@@ -5,14 +5,16 @@
 #include <asio/io_context.hpp>
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 // Used on the event loop's thread only. A read that passes the deadline is answered without a
-// result, and is not started again until it has come back; its thread is lost to others so long.
-// Reads that still hang when the program ends are left behind.
+// result. Reads of one lane (a mount, a driver) take turns, so that one that hangs takes one
+// thread, however many are asked for: nothing of its lane is read until it has come back. Clients
+// take turns as well. Reads that still hang when the program ends are left behind.
 class slow_reader {
  public:
   using bytes = std::vector<uint8_t>;
@@ -26,30 +28,49 @@ class slow_reader {
   slow_reader(const slow_reader&) = delete;
   slow_reader& operator=(const slow_reader&) = delete;
 
-  // Answers with the result of the read called `key`: of one that ended less than `young_us` ago
+  // Where a read belongs: `key` is its name, of all reads, and `client` is whoever wants it.
+  struct place {
+    std::string key;
+    std::string lane;
+    const void* client;
+  };
+
+  // Answers with the result of the read at `where`: of one that ended less than `young_us` ago
   // (half a second at least, a second at most), of the one that is under way, or of `read`.
-  void ask(const std::string& key, int64_t young_us, const job& read, const reply& answer);
+  void ask(const place& where, int64_t young_us, const job& read, const reply& answer);
 
  private:
   struct waiter;
   struct entry {
     std::shared_ptr<const bytes> result;
     int64_t ended_us = 0;
-    int64_t started_us = 0;  // of the read under way
     bool under_way = false;
     bool not_seen = false;  // the result came too late for whoever asked
     std::vector<std::shared_ptr<waiter>> waiters;
   };
+  // A read that waits for a thread and for its lane.
+  struct question {
+    place where;
+    uint64_t turn;  // those of the lowest go first
+    job read;
+  };
   struct thread_pool;
 
-  bool start(const std::string& key, entry& slot, const job& read);
-  void wait_for(entry& slot, const reply& answer);
+  bool add_question(const place& where, const job& read);
+  void start_questions();
+  bool start(const question& next);
+  void wait_for(const std::string& key, const reply& answer);
+  void give_up(const std::string& key);
   bool make_room(const std::string& key);
-  void ended(const std::string& key, bytes result);
+  void ended(const std::string& key, const std::string& lane, bytes result);
   void forget_old();
 
   asio::io_context& loop;
-  std::map<std::string, entry> entries;
+  std::map<std::string, entry> entries;        // by key
+  std::list<question> questions;               // each has an entry that is under way
+  std::map<std::string, int64_t> lanes;        // those being read, and since when
+  std::map<const void*, uint64_t> last_turns;  // of clients that are ahead of `turn`
+  uint64_t turn = 0;                           // of the last question that was started
   std::shared_ptr<thread_pool> pool;
 };
 

@@ -7,10 +7,9 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <iterator>
 #include <memory>
+#include <mutex>
 #include <utility>
-#include <vector>
 
 #include "samplers/clock.h"
 
@@ -48,54 +47,120 @@ struct rate_interval {
       before = std::move(now);
       now = std::move(newest);
     }
+    resumes = false;
   }
   void reset() { *this = {}; }
 
+  // Spares the memory of the samples. The next interval starts at the newest sample that there is
+  // then, and is not a first one.
+  void let_go() {
+    resumes = resumes || now;
+    before.reset();
+    now.reset();
+  }
+
   int64_t young_us() const { return cycle.young_us(); }
+
+  bool resumes = false;  // its samples were let go of
 
  private:
   client_cycle cycle;
 };
 
+// The memory of one sample that nobody looks at any more, for the next one. Any thread may put one
+// there.
 template <class sample>
-class snapshot_source {
+class spare_sample {
  public:
-  // Ends the interval with the newest sample: with one that `take` takes now, or with the last one
-  // if that is young enough for it. `take` is given the sample to fill in and the last one, which
-  // may be null, and returns 0 or a negative errno. 0, or why taking one failed; the interval is
-  // then left without its start.
-  template <class function>
-  int end_interval(rate_interval<sample>& interval, function take) {
-    if (!last || samplers::monotonic_us() - last->time_us >= interval.young_us()) {
-      interval.before.reset();  // so that its memory may serve for the new one
-      const std::shared_ptr<sample> taken = unused_sample();
-      const int error = take(*taken, last.get());
-      if (error < 0) {
-        return error;
-      }
-      last = taken;
-    }
-    interval.advance(last);
-    return 0;
+  std::unique_ptr<sample> take() {
+    const std::lock_guard<std::mutex> guard(lock);
+    return std::move(spare);
+  }
+  void put(std::unique_ptr<sample> unused) {
+    const std::lock_guard<std::mutex> guard(lock);
+    spare.swap(unused);
   }
 
  private:
-  // One that nobody looks at any more, with the memory that it has grown to, or a new one. Of those
-  // that nobody looks at no more than one is kept.
-  std::shared_ptr<sample> unused_sample() {
-    const auto unused = [](const std::shared_ptr<sample>& one) { return one.use_count() == 1; };
-    const auto first = std::find_if(all.begin(), all.end(), unused);
-    if (first == all.end()) {
-      all.push_back(std::make_shared<sample>());
-      return all.back();
+  std::mutex lock;  // guards what follows
+  std::unique_ptr<sample> spare;
+};
+
+// Samples of one kind. One that costs much is kept for a multiple of its cost, however many clients
+// ask how often.
+template <class sample>
+class snapshot_source {
+ public:
+  // After each sample none is taken for `rest` times as long as it took. The five sources of the
+  // event loop thus take less than half of its time.
+  explicit snapshot_source(int64_t rest = 10) : rest_factor(rest) {}
+
+  // Ends the interval with the newest sample: with one that `take` takes now, or with the last one
+  // if that is young enough for it. `take` is given the sample to fill in and the last one, which
+  // may be null, and returns 0 or a negative errno. 0, or why taking one failed, now or when it was
+  // tried last; the interval is then left without its start.
+  template <class function>
+  int end_interval(rate_interval<sample>& interval, function take) {
+    const int64_t young_us = interval.young_us();
+    if (interval.resumes) {
+      interval.now = is_young(young_us) ? previous.lock() : last;
     }
-    std::shared_ptr<sample> found = *first;
-    all.erase(std::remove_if(std::next(first), all.end(), unused), all.end());
-    return found;
+    if (!is_young(young_us)) {
+      interval.before.reset();  // so that its memory may serve for the new one
+    }
+    std::shared_ptr<const sample> found;
+    const int error = newest(young_us, take, found);
+    if (error == 0) {
+      interval.advance(found);
+    }
+    return error;
   }
 
+  // The newest sample without an interval: the last one if it is younger than `young_us`, else one
+  // that `take` takes. 0 or a negative errno.
+  template <class function>
+  int newest(int64_t young_us, function take, std::shared_ptr<const sample>& found) {
+    if (!is_young(young_us)) {
+      const int64_t started_us = samplers::monotonic_us();
+      const std::shared_ptr<sample> taken = new_sample();
+      last_error = std::min(take(*taken, last.get()), 0);
+      ended_us = samplers::monotonic_us();
+      cost_us = ended_us - started_us;
+      if (last_error == 0) {
+        previous = std::exchange(last, taken);
+      }
+    }
+    if (last_error == 0) {
+      found = last;
+    }
+    return last_error;
+  }
+
+ private:
+  // The age counts from the end, or one that took long would be old at once. What failed is not
+  // tried again for as long as it took.
+  bool is_young(int64_t young_us) const {
+    const int64_t kept_us = last_error == 0 ? std::max(young_us, rest_factor * cost_us) : cost_us;
+    return ended_us != 0 && samplers::monotonic_us() - ended_us < kept_us;
+  }
+
+  // With the memory that one grew to which nobody looks at any more.
+  std::shared_ptr<sample> new_sample() {
+    std::unique_ptr<sample> unused = spare->take();
+    if (!unused) {
+      unused = std::make_unique<sample>();
+    }
+    const auto give_back = [to = spare](sample* one) { to->put(std::unique_ptr<sample>(one)); };
+    return {unused.release(), give_back};
+  }
+
+  const std::shared_ptr<spare_sample<sample>> spare = std::make_shared<spare_sample<sample>>();
+  const int64_t rest_factor;
+  int64_t ended_us = 0;  // when a sample was last taken or tried; 0: never
+  int64_t cost_us = 0;   // of that
+  int last_error = 0;    // of that, a negative errno
   std::shared_ptr<const sample> last;
-  std::vector<std::shared_ptr<sample>> all;
+  std::weak_ptr<const sample> previous;  // the one before it, while somebody looks at it
 };
 
 #endif

@@ -51,6 +51,9 @@ std::string decode_header(const uint8_t* bytes, message_type expected, uint32_t 
     return "payload of " + std::to_string(header.length) + " bytes, at most " +
            std::to_string(max_payload) + " allowed";
   }
+  if (header.status > 0 || header.status < lowest_status) {
+    return "status " + std::to_string(header.status);
+  }
   return {};
 }
 

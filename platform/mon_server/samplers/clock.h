@@ -18,6 +18,11 @@ inline int64_t monotonic_us() {
   return clock_us(CLOCK_MONOTONIC);
 }
 
+// What this thread has run, which other work on a busy machine does not add to.
+inline int64_t thread_time_us() {
+  return clock_us(CLOCK_THREAD_CPUTIME_ID);
+}
+
 }  // namespace samplers
 
 #endif

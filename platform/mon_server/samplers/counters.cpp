@@ -8,8 +8,10 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <utility>
 
 #include "samplers/clock.h"
+#include "samplers/descriptor_limit.h"
 #include "samplers/text.h"
 
 namespace samplers {
@@ -85,14 +87,32 @@ perf_sample counter_differences(const counter_reading* before, const counter_rea
   return sample;
 }
 
+// With too few descriptors the same number of events is left out on every CPU: a count of some CPUs
+// alone would be wrong.
 int counter_set::open() {
+  constexpr size_t all_events = sizeof(perf_counters) / sizeof(uint64_t);
+  size_t most = all_events;
+  int error = open_on_all(most);
+  while (error == -EMFILE && most > 1) {
+    most /= 2;
+    error = open_on_all(most);
+  }
+  lacks_descriptors = most < all_events;
+  return error;
+}
+
+int counter_set::open_on_all(size_t most_events) {
   groups.clear();
   online_cpus = reader.read_line(online_path);
   const std::vector<int32_t> cpus = parse_cpu_list(online_cpus);
   const std::vector<pmu> pmus = read_pmus(reader);
   int first_error = 0;
   for (const int32_t cpu : cpus) {
-    const int error = open_cpu(pmus, cpu);
+    const int error = open_cpu(pmus, cpu, most_events);
+    if (error == -EMFILE) {
+      groups.clear();
+      return error;
+    }
     first_error = first_error == 0 ? error : first_error;
   }
   opened_us = monotonic_us();
@@ -103,18 +123,26 @@ int counter_set::open() {
 }
 
 // The first error of an event is returned, but an event that does not open is only left out; the
-// next of its group leads then.
-int counter_set::open_cpu(const std::vector<pmu>& pmus, int32_t cpu) {
+// next of its group leads then. Without a descriptor for it no other is tried.
+int counter_set::open_cpu(const std::vector<pmu>& pmus, int32_t cpu, size_t most_events) {
   int first_error = 0;
   int group_number = -1;
+  size_t opened = 0;
   open_group group;
   for (const planned_event& event : plan_events(pmus, cpu)) {
+    if (opened == most_events) {
+      break;
+    }
     if (event.group != group_number && group.count > 0) {
       groups.push_back(std::move(group));
       group = open_group();
     }
     group_number = event.group;
     const int error = open_event(event, cpu, group);
+    if (error == -EMFILE) {
+      return error;
+    }
+    opened += error == 0 ? 1 : 0;
     first_error = first_error == 0 ? error : first_error;
   }
   if (group.count > 0) {
@@ -131,13 +159,17 @@ int counter_set::open_event(const planned_event& event, int32_t cpu, open_group&
   attributes.read_format =
       PERF_FORMAT_TOTAL_TIME_ENABLED | PERF_FORMAT_TOTAL_TIME_RUNNING | PERF_FORMAT_GROUP;
   const int leader = group.count == 0 ? -1 : group.events[0].get();
-  const long fd = syscall(SYS_perf_event_open, &attributes, -1, cpu, leader,
-                          static_cast<unsigned long>(PERF_FLAG_FD_CLOEXEC));
-  if (fd < 0) {
+  file_descriptor opened(
+      static_cast<int>(syscall(SYS_perf_event_open, &attributes, -1, cpu, leader,
+                               static_cast<unsigned long>(PERF_FLAG_FD_CLOEXEC))));
+  if (!opened) {
     return -errno;
   }
+  if (!is_spare(opened.get())) {
+    return -EMFILE;
+  }
   group.counters[group.count] = event.counter;
-  group.events[group.count] = file_descriptor(static_cast<int>(fd));
+  group.events[group.count] = std::move(opened);
   ++group.count;
   return 0;
 }

@@ -43,8 +43,12 @@ class counter_set {
   explicit counter_set(const file_reader& machine) : reader(machine) {}
 
   // Opens what opens. The negative errno of the first event that did not if that is none: -EACCES
-  // without the rights (perf_event_paranoid), -ENOENT or -EOPNOTSUPP without the hardware.
+  // without the rights (perf_event_paranoid), -ENOENT or -EOPNOTSUPP without the hardware, -EMFILE
+  // without descriptors to spare.
   int open();
+
+  // Some counters are left out for want of descriptors.
+  bool lacks_descriptors = false;
 
   // Opens anew when CPUs have come or gone, since the events of a CPU that goes end with it.
   int read(counter_reading& reading);
@@ -57,7 +61,8 @@ class counter_set {
     file_descriptor events[max_group_events];
   };
 
-  int open_cpu(const std::vector<pmu>& pmus, int32_t cpu);
+  int open_on_all(size_t most_events);
+  int open_cpu(const std::vector<pmu>& pmus, int32_t cpu, size_t most_events);
   static int open_event(const planned_event& event, int32_t cpu, open_group& group);
   static bool read_group(const open_group& group, group_reading& reading);
 

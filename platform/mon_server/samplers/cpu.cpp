@@ -109,11 +109,24 @@ int parse_cpu_times(std::string_view text, std::vector<cpu_times>& cpus) {
   return !cpus.empty() && cpus.front().cpu == -1 ? 0 : -EBADMSG;
 }
 
+// Looks from the end: the line of interrupts before these may be long.
+void parse_task_counts(std::string_view text, cpu_sample& sample) {
+  const auto count_after = [text](std::string_view label) {
+    const size_t place = text.rfind(label);
+    std::string_view rest =
+        place == std::string_view::npos ? std::string_view() : text.substr(place + label.size());
+    return static_cast<uint32_t>(std::min<uint64_t>(to_u64(take_word(rest)), unknown_u32));
+  };
+  sample.tasks_running = count_after("\nprocs_running ");
+  sample.tasks_blocked = count_after("\nprocs_blocked ");
+}
+
 int read_cpu_sample(const file_reader& machine, cpu_sample& sample) {
   std::string content;
   const int error = machine.read("proc/stat", content);
   sample.time_us = monotonic_us();
   const int result = error != 0 ? error : parse_cpu_times(content, sample.cpus);
+  parse_task_counts(content, sample);
   if (result != 0) {
     sample.cpus.clear();
     return result;

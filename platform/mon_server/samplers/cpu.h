@@ -28,9 +28,12 @@ struct cpu_times {
 struct cpu_sample {
   int64_t time_us = 0;          // monotonic
   std::vector<cpu_times> cpus;  // the total first, then the CPUs that are online, ascending
+  uint32_t tasks_running = unknown_u32;  // tasks that run or are ready to
+  uint32_t tasks_blocked = unknown_u32;  // tasks that wait for I/O
 };
 
 int parse_cpu_times(std::string_view text, std::vector<cpu_times>& cpus);
+void parse_task_counts(std::string_view text, cpu_sample& sample);
 int read_cpu_sample(const file_reader& machine, cpu_sample& sample);
 
 // Shares of the time between two samples, or since boot without `before`. A CPU that came online in

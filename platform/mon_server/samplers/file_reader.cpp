@@ -32,21 +32,23 @@ file_descriptor open_regular_file(int folder_fd, const char* path, int& error) {
   return fd;
 }
 
-// Calls `take` with each name in an open folder.
+// Calls `take` with each name in an open folder, until it has returned false for one of those that
+// a system call of `call_size` returned.
 template <typename taker>
-int for_each_name(int folder_fd, taker take) {
+int for_each_name(int folder_fd, taker take, size_t call_size = listing_buffer_size) {
   alignas(dirent64) char buffer[listing_buffer_size];
-  for (;;) {
-    const ssize_t size = getdents64(folder_fd, buffer, sizeof buffer);
+  for (bool more = true; more;) {
+    const ssize_t size = getdents64(folder_fd, buffer, call_size);
     if (size <= 0) {
       return size == 0 ? 0 : -errno;
     }
     for (ssize_t offset = 0; offset < size;) {
       const auto* entry = reinterpret_cast<const dirent64*>(buffer + offset);
-      take(static_cast<const char*>(entry->d_name));
+      more = take(static_cast<const char*>(entry->d_name)) && more;
       offset += entry->d_reclen;
     }
   }
+  return 0;
 }
 
 }  // namespace
@@ -115,6 +117,7 @@ int file_reader::list(const char* path, std::vector<std::string>& names) const {
     if (name[0] != '.') {
       names.emplace_back(name);
     }
+    return true;
   });
   std::sort(names.begin(), names.end(), natural_less);
   return result;
@@ -133,14 +136,18 @@ file_descriptor open_at(int folder_fd, const char* path) {
   return file_descriptor(openat(folder_fd, path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
 }
 
-int list_numbers(int folder_fd, std::vector<int32_t>& numbers) {
+int list_numbers(int folder_fd, std::vector<int32_t>& numbers, size_t enough) {
+  constexpr size_t number_size = 32;  // of an entry's that has five digits or more
   numbers.clear();
-  return for_each_name(folder_fd, [&numbers](const char* name) {
+  const auto take = [&numbers, enough](const char* name) {
     const uint64_t number = to_u64(name);
     if (number <= INT32_MAX) {
       numbers.push_back(static_cast<int32_t>(number));
     }
-  });
+    return numbers.size() < enough;
+  };
+  return for_each_name(folder_fd, take,
+                       std::min(enough, listing_buffer_size / number_size) * number_size);
 }
 
 }  // namespace samplers

@@ -58,8 +58,8 @@ class file_reader {
 file_descriptor open_at(int folder_fd, const char* path);
 
 // The entries of an open folder whose names are numbers, in the folder's order. Reads on
-// from the descriptor's position, so a descriptor serves for one listing.
-int list_numbers(int folder_fd, std::vector<int32_t>& numbers);
+// from the descriptor's position, so a descriptor serves for one listing. Ends soon after `enough`.
+int list_numbers(int folder_fd, std::vector<int32_t>& numbers, size_t enough = SIZE_MAX);
 
 }  // namespace samplers
 

@@ -39,6 +39,8 @@ int read_memory_sample(const file_reader& machine, memory_sample& sample) {
   const int error = machine.read("proc/meminfo", content);
   sample.time_us = monotonic_us();
   const int result = parse_meminfo(content, sample.info);
+  sample.swap_total = meminfo_value(content, "SwapTotal");
+  sample.swap_free = meminfo_value(content, "SwapFree");
   return error != 0 ? error : result;
 }
 

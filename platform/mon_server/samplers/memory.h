@@ -19,6 +19,8 @@ int parse_meminfo(std::string_view text, meminfo& info);
 struct memory_sample {
   int64_t time_us = 0;
   meminfo info{};
+  uint64_t swap_total = unknown_u64;  // KiB
+  uint64_t swap_free = unknown_u64;   // KiB
 };
 
 int read_memory_sample(const file_reader& machine, memory_sample& sample);

@@ -11,9 +11,13 @@
 
 namespace samplers {
 
+// Counters since the device came up; any may be unknown_u64.
 struct net_entry {
   char dev_name[16] = {};
-  uint64_t bytes = 0;  // received and sent since the device came up, or unknown_u64
+  uint64_t received = unknown_u64;  // bytes
+  uint64_t sent = unknown_u64;      // bytes
+  uint64_t errors = unknown_u64;    // packets, both directions
+  uint64_t drops = unknown_u64;     // packets, both directions
 };
 
 struct net_sample {
@@ -24,13 +28,15 @@ struct net_sample {
 int parse_net_dev(std::string_view text, std::vector<net_entry>& entries);
 int read_net_sample(const file_reader& machine, net_sample& sample);
 
-// Makes a count of 0 unknown where `before`, the sample taken before, has more: the device began
+// Makes each count of 0 unknown where `before`, the sample taken before, has more: the device began
 // anew, or its driver gave zeros for once, and a rate from there would be all that it ever carried.
 void doubt_zeros(const net_sample* before, net_sample& now);
 
-// The rates between two samples. A rate is unknown without `before`, for a device that is new since
-// then, and when the counter went down (32 bits wide on some drivers).
+// The rates between two samples, of both directions together or of each. A rate is unknown without
+// `before`, for a device that is new since then, and when a counter of it went down (32 bits wide
+// on some drivers).
 std::vector<net_stat> net_rates(const net_sample* before, const net_sample& now);
+std::vector<net_traffic> net_rates_by_direction(const net_sample* before, const net_sample& now);
 
 }  // namespace samplers
 

@@ -8,11 +8,16 @@
 #include <utility>
 #include <vector>
 
+#include "samplers/clock.h"
 #include "samplers/process_descriptors.h"
 #include "samplers/text.h"
 
 namespace samplers {
 namespace {
+
+// A search of all processes is spread over samples, such that it adds less to each than reading the
+// processes costs.
+constexpr int64_t longest_search_us = 2000;
 
 constexpr const char* device_folders[] = {"/dev/dri", "/dev/accel"};
 
@@ -103,6 +108,7 @@ void process_bpu::add_to(const file_reader& machine, process_sample& sample) {
     look_for_files(machine, sample);
   }
   read_files(machine, sample);
+  busy.forget_gone(sample);
   fill_in(sample);
 }
 
@@ -134,15 +140,16 @@ bool process_bpu::opened_since_last_time() const {
 }
 
 void process_bpu::look_for_files(const file_reader& machine, const process_sample& sample) {
-  const bool all_asked = walk.go_on(sample, [&](const process_entry& process) {
-    for_each_descriptor(machine, process.pid, [&](int32_t number, std::string_view target) {
+  const auto look = [&](const process_entry& process, int32_t& next) {
+    for_some_descriptors(machine, process.pid, next, [&](int32_t number, std::string_view target) {
       if (is_device(target)) {
         files.insert({process.pid, number});
       }
       return true;
     });
     return true;
-  });
+  };
+  const bool all_asked = walk.go_on(sample, thread_time_us() + longest_search_us, look);
   searching = searching && !all_asked;
 }
 
@@ -163,9 +170,6 @@ void process_bpu::read_files(const file_reader& machine, const process_sample& s
   for (auto one = clients.begin(); one != clients.end();) {
     one = one->second.seen != turn ? clients.erase(one) : std::next(one);
   }
-  for (auto one = owners.begin(); one != owners.end();) {
-    one = find_process(sample, one->first) == nullptr ? owners.erase(one) : std::next(one);
-  }
 }
 
 // Descriptors that share an open file (dup, fork) show the same counter: it counts once.
@@ -178,19 +182,14 @@ void process_bpu::take_usage(const drm_usage& usage, const process_entry& proces
   if (is_new && !searched) {
     known.busy_ns = usage.busy_ns;
   }
-  owner& account = owners[process.pid];
-  if (account.start_ticks != process.start_ticks) {
-    account = {process.start_ticks, 0};
-  }
-  account.busy_ns += usage.busy_ns > known.busy_ns ? usage.busy_ns - known.busy_ns : 0;
+  busy.add(process, usage.busy_ns > known.busy_ns ? usage.busy_ns - known.busy_ns : 0);
   known = {usage.busy_ns, turn};
 }
 
 void process_bpu::fill_in(process_sample& sample) const {
   for (process_entry& entry : sample.entries) {
     if (entry.descriptors_seen) {
-      const auto account = owners.find(sample.process_of(entry));
-      entry.bpu_ns = account == owners.end() ? 0 : account->second.busy_ns;
+      entry.bpu_ns = busy.total(sample, entry);
     }
   }
 }

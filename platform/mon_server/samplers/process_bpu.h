@@ -11,6 +11,7 @@
 
 #include "samplers/file_descriptor.h"
 #include "samplers/file_reader.h"
+#include "samplers/process_accounts.h"
 #include "samplers/process_walk.h"
 #include "samplers/processes.h"
 
@@ -43,10 +44,6 @@ class process_bpu {
     uint64_t busy_ns = 0;
     uint32_t seen = 0;  // sample that it was last seen in
   };
-  struct owner {
-    uint64_t start_ticks = 0;
-    uint64_t busy_ns = 0;
-  };
 
   void forget_all();
   void watch_devices(const file_reader& machine);
@@ -63,7 +60,7 @@ class process_bpu {
   uint32_t turn = 0;  // counts samples
   std::set<open_file> files;
   std::map<std::string, client> clients;
-  std::map<int32_t, owner> owners;  // by process id
+  process_accounts busy;  // ns
   std::string text;
 };
 

@@ -6,7 +6,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdio>
+#include <utility>
 #include <vector>
 
 namespace samplers {
@@ -30,20 +32,29 @@ descriptor_link::descriptor_link(const file_reader& machine, int32_t pid, int32_
   length = size > 0 ? static_cast<size_t>(size) : 0;
 }
 
-int for_each_descriptor(const file_reader& machine, int32_t pid,
-                        const std::function<bool(int32_t, std::string_view)>& take) {
+// Listing the descriptors of a process goes on at any number: it is the position in the folder
+// less 2 (the kernel's proc_readfd_common()).
+int for_some_descriptors(const file_reader& machine, int32_t pid, int32_t& next,
+                         const std::function<bool(int32_t, std::string_view)>& take) {
+  constexpr off_t first_position = 2;
+  constexpr size_t piece_size = 128;
   char path[path_size];
   std::snprintf(path, sizeof path, "proc/%d/fd", pid);
+  const int32_t first = std::exchange(next, 0);
   const file_descriptor folder = machine.open_folder(path);
-  if (!folder) {
+  if (!folder || (first != 0 && lseek(folder.get(), first + first_position, SEEK_SET) < 0)) {
     return -errno;
   }
   std::vector<int32_t> numbers;
-  const int result = list_numbers(folder.get(), numbers);
+  const int result =
+      list_numbers(folder.get(), numbers, machine.own_machine ? piece_size : SIZE_MAX);
   for (auto number = numbers.rbegin(); number != numbers.rend(); ++number) {
     if (!take(*number, descriptor_link(machine, pid, *number).target())) {
-      break;
+      return result;
     }
+  }
+  if (numbers.size() >= piece_size && machine.own_machine) {
+    next = numbers.back() + 1;
   }
   return result;
 }

@@ -1,5 +1,6 @@
 #include "samplers/process_net.h"
 
+#include <malloc.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 
 #include "samplers/clock.h"
 #include "samplers/process_descriptors.h"
+#include "samplers/room.h"
 #include "samplers/text.h"
 
 namespace samplers {
@@ -22,6 +24,14 @@ constexpr uint32_t kept_turns = 8;
 // An owner that is not found (another user's process, a container's, the kernel itself) is looked
 // for after 2, 4, 8 ... samples.
 constexpr uint32_t longest_pause = 256;
+
+// A search of 2,000 processes takes some 40 ms: it is spread over samples, such that it adds less
+// to each than reading the processes costs. A quarter of the time is for checking the owners that
+// are known, a quarter for asking these for other sockets.
+constexpr int64_t longest_search_us = 2000;
+
+// After a dump of very many sockets there is none for so many times as long as it took.
+constexpr int64_t rest_after_dump = 4;
 
 // The inode number of "socket:[12345]", 0 of anything else.
 uint32_t socket_inode(std::string_view target) {
@@ -48,20 +58,26 @@ void process_net::add_to(const file_reader& machine, int64_t young_us, process_s
   if (!machine.own_machine || own_namespace == 0) {
     return;
   }
-  if (dumped_us == 0 || monotonic_us() - dumped_us >= young_us) {
+  const int64_t now_us = monotonic_us();
+  const int64_t kept_us = std::max(young_us, rest_after_dump * dump_cost_us);
+  if (dumped_us == 0 || now_us - dumped_us >= kept_us) {
     if (dump.read(dumped) != 0) {
       return;
     }
     ++turn;
     take_dump();
-    credit_owners(machine, sample);
-    if (!unowned.empty()) {
-      find_owners(machine, sample);
+    const int64_t begin_us = thread_time_us();
+    credit_owners(machine, sample, begin_us + longest_search_us / 4);
+    if (missing != 0) {
+      find_owners(machine, sample, begin_us + longest_search_us);
     }
-    forget_gone(sample);
+    forget_gone_sockets();
     dumped_us = monotonic_us();
+    dump_cost_us = dumped_us - now_us;
+    dumped_ticks = sample.uptime_ticks;
   }
   sample.net_time_us = dumped_us;
+  carried.forget_gone(sample);
   fill_in(sample);
 }
 
@@ -83,17 +99,26 @@ void process_net::take_dump() {
 }
 
 // A socket may have been handed on since the sample before (a server that forks for each
-// connection), so its owner is asked for it again.
-void process_net::credit_owners(const file_reader& machine, const process_sample& sample) {
+// connection), so its owner is asked for it again. Of very many only some are, in turn.
+void process_net::credit_owners(const file_reader& machine, const process_sample& sample,
+                                int64_t end_us) {
   unowned.clear();
-  for (const traffic& one : moved) {
+  bool in_time = true;
+  const size_t first = check_from < moved.size() ? check_from : 0;
+  for (size_t i = 0; i < moved.size(); ++i) {
+    const size_t place = (first + i) % moved.size();
+    const traffic& one = moved[place];
     known_socket& socket = *one.socket;
+    const process_entry* owner = owner_of(sample, socket);
+    if (owner != nullptr && in_time && thread_time_us() > end_us) {
+      in_time = false;
+      check_from = place;
+    }
+    if (owner != nullptr && (!in_time || is_open(machine, one))) {
+      carried.add(*owner, one.bytes);
+      continue;
+    }
     if (socket.owner != 0) {
-      const descriptor_link link(machine, socket.owner, socket.descriptor);
-      if (socket_inode(link.target()) == one.inode) {
-        credit(sample, socket.owner, one.bytes);
-        continue;
-      }
       socket.owner = 0;
       socket.tries = 0;
       socket.next_try = turn;
@@ -102,28 +127,55 @@ void process_net::credit_owners(const file_reader& machine, const process_sample
       unowned.push_back(one);
     }
   }
+  missing = unowned.size();
 }
 
-void process_net::find_owners(const file_reader& machine, const process_sample& sample) {
-  std::vector<int32_t> owner_ids;
-  for (const auto& [pid, account] : owners) {
-    owner_ids.push_back(pid);
-  }
-  for (const int32_t pid : owner_ids) {
-    const process_entry* process = find_process(sample, pid);
-    if (process != nullptr && ask_process(machine, sample, *process)) {
-      return;
-    }
-  }
-  const bool round_completed = walk.go_on(sample, [&](const process_entry& process) {
-    return !is_counted(process) || !ask_process(machine, sample, process);
-  });
-  if (!round_completed) {
+// Null when it is not known or has gone, also when its id has a new owner.
+const process_entry* process_net::owner_of(const process_sample& sample,
+                                           const known_socket& socket) {
+  const process_entry* owner = socket.owner == 0 ? nullptr : find_process(sample, socket.owner);
+  return owner != nullptr && owner->start_ticks == socket.owner_start_ticks ? owner : nullptr;
+}
+
+bool process_net::is_open(const file_reader& machine, const traffic& one) {
+  const descriptor_link link(machine, one.socket->owner, one.socket->descriptor);
+  return socket_inode(link.target()) == one.inode;
+}
+
+// Half of the time is for those whose turn it is in the walk, however busy the others are.
+void process_net::find_owners(const file_reader& machine, const process_sample& sample,
+                              int64_t end_us) {
+  std::sort(unowned.begin(), unowned.end(),
+            [](const traffic& a, const traffic& b) { return a.inode < b.inode; });
+  const auto ask = [&](const process_entry& process, int32_t& next) {
+    return ask_process(machine, process, next);
+  };
+  ask_owners(sample, end_us - longest_search_us / 2, ask);
+  if (missing == 0 || !walk.go_on(sample, end_us, ask)) {
     return;
   }
   for (const traffic& one : unowned) {
-    one.socket->tries = std::min(one.socket->tries + 1, longest_pause);
-    one.socket->next_try = turn + std::min(1U << std::min(one.socket->tries, 8U), longest_pause);
+    if (one.socket->owner == 0) {
+      one.socket->tries = std::min(one.socket->tries + 1, longest_pause);
+      one.socket->next_try = turn + std::min(1U << std::min(one.socket->tries, 8U), longest_pause);
+    }
+  }
+  missing = 0;
+}
+
+// Asks those who had sockets before, in turn.
+void process_net::ask_owners(const process_sample& sample, int64_t end_us,
+                             const process_walk::visitor& visit) {
+  std::vector<int32_t> owners = carried.process_ids();
+  const auto first = std::lower_bound(owners.begin(), owners.end(), ask_from);
+  std::rotate(owners.begin(), first, owners.end());
+  for (const int32_t pid : owners) {
+    const process_entry* process = find_process(sample, pid);
+    ask_from = pid;
+    if (thread_time_us() > end_us ||
+        (process != nullptr && !walk.visit_one(sample, *process, visit))) {
+      return;
+    }
   }
 }
 
@@ -131,70 +183,61 @@ bool process_net::is_counted(const process_entry& process) const {
   return process.descriptors_seen && process.net_namespace == own_namespace;
 }
 
-bool process_net::may_have_others(const process_sample& sample, const process_entry& process) {
-  const bool whole_process = !sample.threads || process.num_threads == 1;
-  const bool known = whole_process && process.state != 'R';  // a running one's figure may lag
-  const asked now{process.start_ticks, known ? process.activity : 0};
-  const asked before = std::exchange(last_asked[process.pid], now);
-  return now.activity == 0 || now.activity != before.activity ||
-         now.start_ticks != before.start_ticks;
-}
-
-// Credits a process with the traffic of those sockets that it has open. True when that was all.
-bool process_net::ask_process(const file_reader& machine, const process_sample& sample,
-                              const process_entry& process) {
-  if (!may_have_others(sample, process)) {
-    return false;
+// Credits a process with the traffic of those sockets that it has open in a piece of its
+// descriptors. False when that was all.
+bool process_net::ask_process(const file_reader& machine, const process_entry& process,
+                              int32_t& next) {
+  if (!is_counted(process)) {
+    next = 0;
+    return true;
   }
-  const int32_t pid = process.pid;
-  for_each_descriptor(machine, pid, [&](int32_t number, std::string_view target) {
+  for_some_descriptors(machine, process.pid, next, [&](int32_t number, std::string_view target) {
     const uint32_t inode = socket_inode(target);
-    const auto found = inode == 0
-                           ? unowned.end()
-                           : std::find_if(unowned.begin(), unowned.end(),
-                                          [&](const traffic& one) { return one.inode == inode; });
-    if (found != unowned.end()) {
-      found->socket->owner = pid;
-      found->socket->descriptor = number;
-      credit(sample, pid, found->bytes);
-      unowned.erase(found);
+    const auto found = inode == 0 ? unowned.end()
+                                  : std::lower_bound(unowned.begin(), unowned.end(), inode,
+                                                     [](const traffic& one, uint32_t wanted) {
+                                                       return one.inode < wanted;
+                                                     });
+    if (found != unowned.end() && found->inode == inode && found->socket->owner == 0) {
+      known_socket& socket = *found->socket;
+      socket.owner = process.pid;
+      socket.owner_start_ticks = process.start_ticks;
+      socket.descriptor = number;
+      carried.add(process, found->bytes);
+      --missing;
     }
-    return !unowned.empty();
+    return missing != 0;
   });
-  return unowned.empty();
+  return missing != 0;
 }
 
-void process_net::credit(const process_sample& sample, int32_t pid, uint64_t bytes) {
-  const process_entry* process = find_process(sample, pid);
-  if (process == nullptr) {
-    return;  // came or went while the sample was taken
-  }
-  owner& account = owners[pid];
-  if (account.start_ticks != process->start_ticks) {
-    account = {process->start_ticks, 0};
-  }
-  account.bytes += bytes;
-}
-
-void process_net::forget_gone(const process_sample& sample) {
+void process_net::forget_gone_sockets() {
   for (auto one = sockets.begin(); one != sockets.end();) {
     one = turn - one->second.seen > kept_turns ? sockets.erase(one) : std::next(one);
   }
-  if (last_asked.size() > 2 * sample.entries.size()) {
-    last_asked.clear();  // most of them have gone
+  bool given_back = give_room_back(dumped);
+  given_back = give_room_back(moved) || given_back;
+  given_back = give_room_back(unowned) || given_back;
+  if (is_too_large(sockets.bucket_count(), sockets.size())) {
+    sockets.rehash(0);
+    given_back = true;
   }
-  for (auto one = owners.begin(); one != owners.end();) {
-    const process_entry* process = find_process(sample, one->first);
-    const bool gone = process == nullptr || process->start_ticks != one->second.start_ticks;
-    one = gone ? owners.erase(one) : std::next(one);
+  if (given_back) {
+    malloc_trim(0);  // the sockets lay one by one between what stays
   }
+}
+
+// A process that began after the dump may have sockets that are not in it.
+bool process_net::is_known(const process_sample& sample, const process_entry& entry) const {
+  const process_entry* process = find_process(sample, sample.process_of(entry));
+  return is_counted(entry) && process != nullptr && process->start_ticks <= dumped_ticks &&
+         (missing == 0 || carried.has(*process) || walk.has_seen(*process));
 }
 
 void process_net::fill_in(process_sample& sample) const {
   for (process_entry& entry : sample.entries) {
-    if (is_counted(entry)) {
-      const auto account = owners.find(sample.process_of(entry));
-      entry.net_bytes = account == owners.end() ? 0 : account->second.bytes;
+    if (is_known(sample, entry)) {
+      entry.net_bytes = carried.total(sample, entry);
     }
   }
 }

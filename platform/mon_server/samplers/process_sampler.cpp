@@ -1,6 +1,5 @@
 #include "samplers/process_sampler.h"
 
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,17 +9,11 @@
 #include <utility>
 
 #include "samplers/clock.h"
+#include "samplers/descriptor_limit.h"
+#include "samplers/room.h"
 
 namespace samplers {
 namespace {
-
-uint64_t read_uptime(const file_reader& machine, int64_t ticks_per_second) {
-  if (machine.own_machine) {
-    // The clock that start times are in; it counts on while the machine is suspended.
-    return static_cast<uint64_t>(clock_us(CLOCK_BOOTTIME) / (1000000 / ticks_per_second));
-  }
-  return parse_uptime(machine.read_line("proc/uptime"), ticks_per_second);
-}
 
 // A view that nobody has asked for so long gives its descriptors back.
 constexpr int64_t unused_us = 60 * 1000000LL;
@@ -33,14 +26,6 @@ constexpr size_t most_tasks_kept = 2048;
 
 bool by_pid_and_start(const process_entry& a, const process_entry& b) {
   return std::tie(a.pid, a.start_ticks) < std::tie(b.pid, b.start_ticks);
-}
-
-// A crowd of processes that has gone leaves its room.
-void give_room_back(std::vector<process_entry>& entries) {
-  constexpr size_t few = 1024;
-  if (entries.capacity() > few + 4 * entries.size()) {
-    entries.shrink_to_fit();
-  }
 }
 
 void sort_entries(process_sample& sample) {
@@ -72,7 +57,7 @@ int process_sampler::read(bool threads, int64_t net_young_us, process_sample& sa
 int process_sampler::read_entries(process_sample& sample) {
   if (!std::exchange(iterator_tried, true) && options.use_bpf && reader->own_machine) {
     iterator = std::make_unique<task_iterator>();
-    iterator_error = iterator->open();
+    iterator_error = spare_descriptors() > 0 ? iterator->open() : -EMFILE;
     if (iterator_error != 0) {
       iterator.reset();
     }
@@ -135,13 +120,9 @@ int process_sampler::read_files(process_sample& sample) {
   return shown.read(*reader, most - std::min(most, other.kept_open()), sample.entries);
 }
 
-// Half of the descriptors that this process may have are for clients, counters and the rest.
+// Half of what is to spare; counters may have the rest.
 size_t process_sampler::most_kept() const {
-  rlimit limit{};
-  if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
-    return 0;
-  }
-  return std::min<size_t>(options.keep_files, limit.rlim_cur / 2);
+  return std::min(options.keep_files, spare_descriptors() / 2);
 }
 
 void process_sampler::release() {

@@ -34,6 +34,7 @@ class process_sampler {
 
   // How samples are taken, in words for the log. Known once one has been.
   std::string way() const;
+  bool uses_bpf() const { return iterator != nullptr; }
 
   // Closes the files of /proc that are kept open, for when nobody asks for samples.
   void release();

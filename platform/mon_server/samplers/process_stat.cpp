@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <charconv>
 
+#include "samplers/clock.h"
 #include "samplers/text.h"
 
 namespace samplers {
@@ -146,6 +147,14 @@ uint64_t parse_uptime(std::string_view text, int64_t ticks_per_second) {
   return seconds >= 0 && seconds < 3.2e9
              ? static_cast<uint64_t>(seconds * static_cast<double>(ticks_per_second))
              : 0;
+}
+
+uint64_t read_uptime(const file_reader& machine, int64_t ticks_per_second) {
+  if (machine.own_machine) {
+    // The clock that start times are in; it counts on while the machine is suspended.
+    return static_cast<uint64_t>(clock_us(CLOCK_BOOTTIME) / (1000000 / ticks_per_second));
+  }
+  return parse_uptime(machine.read_line("proc/uptime"), ticks_per_second);
 }
 
 }  // namespace samplers

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string_view>
 
+#include "samplers/file_reader.h"
 #include "samplers/processes.h"
 
 namespace samplers {
@@ -27,8 +28,9 @@ uint64_t parse_io(std::string_view text);
 // they are not in it.
 bool parse_schedstat(std::string_view text, uint64_t& run_ns, uint64_t& times_run);
 
-// Seconds since boot, of the text of /proc/uptime, in ticks.
+// Time since boot in ticks, of the text of /proc/uptime; 0 when it makes no sense.
 uint64_t parse_uptime(std::string_view text, int64_t ticks_per_second);
+uint64_t read_uptime(const file_reader& machine, int64_t ticks_per_second);
 
 }  // namespace samplers
 

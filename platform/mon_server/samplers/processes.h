@@ -16,6 +16,10 @@ constexpr int sort_by_io = 3;
 constexpr int sort_by_net = 4;
 constexpr int sort_by_ram = 5;
 
+constexpr int known_sort_key(int key) {
+  return key >= sort_by_cpu && key <= sort_by_ram ? key : sort_by_cpu;
+}
+
 // Counters start at 0 with the process, net_bytes and bpu_ns with the first sample that saw it. One
 // that cannot be read is unknown_u64.
 struct process_entry {
@@ -31,8 +35,8 @@ struct process_entry {
   uint64_t start_ticks = 0;       // since boot; tells a process from the pid's next owner
   uint64_t cpu_ns = 0;            // user and system time
   uint64_t activity = 0;          // changes whenever it has run; 0 if unknown
-  // Read from and written to storage. The kernel adds those of a child to its parent when the
-  // parent has waited for it; a thread's are its own.
+  // Read from and written to storage. Those of a child are added to its parent's when the parent
+  // has waited for it, see inherited_io; a thread's are its own.
   uint64_t io_bytes = unknown_u64;
   uint64_t net_bytes = unknown_u64;  // received and sent over TCP, by the whole process
   uint64_t bpu_ns = unknown_u64;     // time on accelerators, by the whole process
@@ -50,6 +54,15 @@ struct process_sample {
   int32_t process_of(const process_entry& entry) const { return threads ? entry.ppid : entry.pid; }
 };
 
+// What tells a process from every other one, and that it may have changed its command line.
+struct process_identity {
+  int32_t pid;
+  char comm[16];
+  uint64_t start_ticks;
+  uint64_t activity;  // changes when it has run, as far as the sample tells
+};
+using process_identities = std::vector<process_identity>;
+
 // The entry of a process or thread id, null if the sample has none.
 const process_entry* find_process(const process_sample& sample, int32_t pid);
 
@@ -61,6 +74,11 @@ class process_ranking {
   // life.
   void top(const process_sample* before, const process_sample& now, int sort_key,
            top_pid_info& out);
+
+  // The processes of the list that was made last, of `now`: those listed, or those that the listed
+  // threads belong to. By process id, each once. A process is known by its first thread, which
+  // outlives the others; one whose first thread is not in the sample is left out.
+  process_identities processes_of_list(const process_sample& now) const;
 
  private:
   struct rated_process {

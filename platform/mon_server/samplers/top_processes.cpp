@@ -4,6 +4,7 @@
 #include <limits>
 #include <tuple>
 
+#include "samplers/inherited_io.h"
 #include "samplers/processes.h"
 #include "samplers/text.h"
 
@@ -88,6 +89,10 @@ void process_ranking::rate_all(const process_sample* before, const process_sampl
                                int sort_key) {
   rated.clear();
   const bool comparable = before != nullptr && before->threads == now.threads;
+  inherited_io inherited;
+  if (comparable && !now.threads) {
+    inherited.find(*before, now);
+  }
   size_t position = 0;
   for (const process_entry& entry : now.entries) {
     interval over;
@@ -104,6 +109,7 @@ void process_ranking::rate_all(const process_sample* before, const process_sampl
           std::tie(old[position].pid, old[position].start_ticks) == identity) {
         const process_entry& start = old[position];
         over = {start.cpu_ns, start.io_bytes, start.net_bytes, start.bpu_ns, 0, 0};
+        over.io_bytes += inherited.of(start);
       }
       over.seconds = static_cast<double>(now.time_us - before->time_us) / 1e6;
       over.net_seconds = static_cast<double>(now.net_time_us - before->net_time_us) / 1e6;
@@ -157,6 +163,34 @@ void process_ranking::top(const process_sample* before, const process_sample& no
   out.pid_num = static_cast<int32_t>(rated.size());
   out.pid_total = static_cast<int32_t>(now.entries.size());
   std::transform(rated.begin(), rated.end(), std::begin(out.send_pid_info), record);
+}
+
+process_identities process_ranking::processes_of_list(const process_sample& now) const {
+  process_identities processes;
+  processes.reserve(rated.size());
+  for (const rated_process& one : rated) {
+    const process_entry* entry = one.entry;
+    if (now.threads && entry->pid != entry->ppid) {
+      entry = find_process(now, entry->ppid);
+    }
+    if (entry != nullptr) {
+      process_identity& process = processes.emplace_back();
+      process.pid = entry->pid;
+      std::copy(std::begin(entry->comm), std::end(entry->comm), process.comm);
+      process.start_ticks = entry->start_ticks;
+      process.activity = entry->activity != 0 ? entry->activity : entry->cpu_ns;
+    }
+  }
+  // Of two with one process id, which one sample may have, the later one.
+  const auto earlier = [](const process_identity& a, const process_identity& b) {
+    return std::tie(a.pid, b.start_ticks) < std::tie(b.pid, a.start_ticks);
+  };
+  const auto same_pid = [](const process_identity& a, const process_identity& b) {
+    return a.pid == b.pid;
+  };
+  std::sort(processes.begin(), processes.end(), earlier);
+  processes.erase(std::unique(processes.begin(), processes.end(), same_pid), processes.end());
+  return processes;
 }
 
 const process_entry* find_process(const process_sample& sample, int32_t pid) {

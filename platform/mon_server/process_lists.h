@@ -1,0 +1,76 @@
+// Process lists, made on a thread of their own: however many processes, threads and sockets there
+// are, no other answer waits for them.
+#ifndef PROCESS_LISTS_H
+#define PROCESS_LISTS_H
+
+#include <asio/io_context.hpp>
+#include <asio/steady_timer.hpp>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "samplers/file_reader.h"
+#include "samplers/process_sampler.h"
+#include "samplers/processes.h"
+#include "snapshots.h"
+
+// A process list as it is answered, and the processes in it.
+struct process_list {
+  std::vector<uint8_t> bytes;
+  std::shared_ptr<const samplers::process_identities> processes;
+};
+
+// Used on the event loop's thread only. One thread takes the samples and ranks them, a request
+// after the other. It does not read any sample that the event loop still refers to into again, and
+// the event loop looks into none. When the program ends the thread is left behind.
+class process_lists {
+ public:
+  using interval = rate_interval<samplers::process_sample>;
+
+  struct request {
+    bool threads = false;
+    int sort_key = samplers::sort_by_cpu;
+    interval over;  // the session's
+  };
+  struct result {
+    int error = 0;  // 0 or a negative errno: -ETIMEDOUT; then there is nothing else
+    interval over;  // ended with the sample that the list is of
+    std::shared_ptr<const process_list> list;
+  };
+  using reply = std::function<void(const result&)>;
+
+  process_lists(asio::io_context& loop, std::shared_ptr<const samplers::file_reader> machine,
+                const samplers::process_sampler_options& options);
+  ~process_lists();
+  process_lists(const process_lists&) = delete;
+  process_lists& operator=(const process_lists&) = delete;
+
+  // Has a list made, and answers later. Returns the request's number, which drop() takes.
+  uint64_t ask(request wanted, const reply& answer);
+
+  // Forgets a request that has not been answered yet, and with it what its answer holds.
+  void drop(uint64_t number);
+
+  // Closes what is kept open between samples, for when nobody asks for lists.
+  void release();
+
+ private:
+  struct maker;
+  struct waiter {
+    reply answer;
+    asio::steady_timer deadline;
+  };
+
+  void answer(uint64_t number, const result& made);
+
+  asio::io_context& loop;
+  const std::shared_ptr<maker> thread;
+  bool rights_dropped = false;  // the event loop has no right left that only the thread needs
+  uint64_t last_number = 0;
+  std::map<uint64_t, waiter> waiters;  // by the request's number
+};
+
+#endif
