@@ -17,7 +17,8 @@ class bpu_ratio_manager : public ns_req_template::request_handler {
   bpu_ratio_manager(const std::string& ip, int port);
   ~bpu_ratio_manager();
 
-  // Appends the utilisation of every BPU core, side by side, ended by a line end.
+  // Appends the utilisation of the BPU cores, side by side, in at most 2 lines, each ended; the
+  // busiest first where there is no room for all.
   int get_bpu_ratio_all(std::ostream* os);
 };
 

@@ -20,8 +20,9 @@ class net_stat_manager : public ns_req_template::request_handler {
   // Starts network monitoring for this client; call it once, before the first get_bandwidth_stat.
   int start_net_monitor();
 
-  // Appends the bandwidth of every network device since the last call, side by side, wrapped at 118
-  // columns, ended by a line end.
+  // Appends what the network devices received and sent since the last call (their sum, where an
+  // older server knows no more), side by side, those with traffic first, in at most 3 lines, each
+  // ended.
   int get_bandwidth_stat(std::ostream* os);
 
   // Stops network monitoring for this client.

@@ -14,8 +14,13 @@ namespace ns_req_template {
 // object take turns, and none takes longer than the connection's time-out.
 //
 // Unless an operation says otherwise, its `int` result is 0, or a negative errno when the server
-// refused (its status) or could not be asked (-ETIMEDOUT, -ECONNRESET, -EBADMSG, ...). Text is
-// appended to the stream only when the whole answer was good.
+// refused (its status) or could not be asked (-ETIMEDOUT, -ECONNRESET, -EBADMSG, ...).
+//
+// Text is laid out for the terminal on standard output as it is at the call: no line is wider than
+// it less one column, at most 117 columns, which it also is where there is no terminal. What does
+// not fit is counted ("+57"). A query appends its figures only when the whole answer was good. When
+// it failed it appends one short line in their place, which says why, such as
+// "CPU  no answer from 127.0.0.1:1234: Connection refused".
 class request_handler {
  public:
   request_handler() = default;
@@ -25,7 +30,7 @@ class request_handler {
   std::shared_ptr<client_comm>
       client;           // empty in a default-constructed object: calls give -ENOTCONN
   int request_cmd = 0;  // the command that this class's requests carry
-  std::mutex req_lock;  // held for one request
+  std::mutex req_lock;  // held for one call
   request_handler* manager = nullptr;  // the handler that this one works for, if any
 };
 

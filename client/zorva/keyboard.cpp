@@ -4,7 +4,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
+#include <string>
 
 #include "zorva/log.h"
 #include "zorva/monitor.h"
@@ -64,24 +66,30 @@ void act_on(int input) {
   }
 }
 
-// Waits for a byte and returns it, or EOF. While another job has the terminal, nothing is read,
-// which would stop this process; when it comes back (fg), the shell has set its own modes again. A
-// read that a signal has cut short (curses handles SIGWINCH), or that found nothing because another
+bool byte_is_waiting(int timeout_ms) {
+  pollfd waiting{STDIN_FILENO, POLLIN, 0};
+  return poll(&waiting, 1, timeout_ms) > 0;
+}
+
+// Waits for a byte and returns it, or EOF. While another job has the terminal, nothing is read;
+// when it comes back (fg), the shell has set its own modes again. A read that a signal has cut
+// short, that came when the terminal was just given away, or that found nothing because another
 // program made the terminal non-blocking, is not the end of the input.
 int read_byte() {
   constexpr int look_ms = 1000;
+  constexpr useconds_t background_look_us = 200000;
   while (!manager.to_exit) {
     if (!terminal_is_ours()) {
-      usleep(look_ms * 1000);
+      usleep(background_look_us);
       continue;
     }
     set_key_mode();
-    pollfd waiting{STDIN_FILENO, POLLIN, 0};
-    if (poll(&waiting, 1, look_ms) <= 0) {
+    if (!byte_is_waiting(look_ms)) {
       continue;
     }
     const int input = getc(stdin);
-    if (input != EOF || !ferror(stdin) || (errno != EAGAIN && errno != EINTR)) {
+    const bool may_go_on = errno == EAGAIN || errno == EINTR || !terminal_is_ours();
+    if (input != EOF || !ferror(stdin) || !may_go_on) {
       return input;
     }
     clearerr(stdin);
@@ -90,6 +98,47 @@ int read_byte() {
   while (true) {
     pause();
   }
+}
+
+// Keys that were typed while one was being acted on.
+class key_queue {
+ public:
+  bool empty() const { return keys.empty(); }
+  int take() {
+    const int first = static_cast<unsigned char>(keys.front());
+    keys.erase(0, 1);
+    return first;
+  }
+
+  // Reads all keys that wait. A `q` among them comes before the others, which may each ask a server
+  // that does not answer.
+  void read_waiting() {
+    constexpr size_t most = 4096;
+    while (keys.size() < most && terminal_is_ours() && byte_is_waiting(0)) {
+      const int input = getc(stdin);
+      if (input == EOF) {
+        break;
+      }
+      keys += static_cast<char>(input);
+    }
+    if (!feof(stdin)) {
+      clearerr(stdin);  // whether it is an error for good, the next read tells
+    }
+    if (keys.find('q') != std::string::npos) {
+      keys = "q";
+    }
+  }
+
+ private:
+  std::string keys;
+};
+
+// Acts on a key. True when that took so long that its user may have given up on it.
+bool takes_long(int input) {
+  constexpr std::chrono::milliseconds long_time{300};
+  const auto began = std::chrono::steady_clock::now();
+  act_on(input);
+  return std::chrono::steady_clock::now() - began > long_time;
 }
 
 // A terminal that has gone away gives an error rather than the end of file; both are final.
@@ -102,22 +151,27 @@ bool input_closed() {
 void zorva_manage::read_input() {
   termios old_tio{};
   tcgetattr(STDIN_FILENO, &old_tio);
-  // Bytes must not wait in a buffer that poll(2) does not know of.
-  setvbuf(stdin, nullptr, _IONBF, 0);
+  // Bytes must not wait in a buffer that poll(2) does not know of. Without any buffer, glibc would
+  // flush standard output before each read, and wait for a report that is being written.
+  static char single[1];
+  setvbuf(stdin, single, _IOFBF, sizeof single);
 
+  key_queue queue;
   while (true) {
-    if (input_closed()) {
+    if (queue.empty() && input_closed()) {
       LOG_W("STDIN has been closed!!\n");
       while (true) {
         sleep(10);
       }
     }
-    const int input = read_byte();
+    const int input = queue.empty() ? read_byte() : queue.take();
     if (input == 'q') {
       manager.to_exit = true;
-      tcsetattr(STDIN_FILENO, TCSANOW, &old_tio);
+      leave_key_mode(old_tio);
       return;
     }
-    act_on(input);
+    if (takes_long(input)) {
+      queue.read_waiting();
+    }
   }
 }

@@ -7,6 +7,7 @@
 
 #include "zorva/monitor.h"
 #include "zorva/report.h"
+#include "zorva/screen_keeper.h"
 #include "zorva/settings.h"
 #include "zorva/signals.h"
 #include "zorva/standard_streams.h"
@@ -20,32 +21,49 @@ namespace {
 
 // With a board's own log library there is no such call, neither when we are built against it nor
 // when it takes the place of ours later.
-int log_to_file(const char* path) {
+bool log_can_have_file() {
 #ifdef ZORVA_OWN_LOG
-  if (zorva_log_to_file != nullptr) {
-    return zorva_log_to_file(path);
-  }
+  return zorva_log_to_file != nullptr;
+#else
+  return false;
 #endif
-  static_cast<void>(path);
-  return -ENOSYS;
 }
 
-void open_log_file() {
-  if (manager.log_file.empty()) {
-    return;
+int log_to_file(const char* path) {
+#ifdef ZORVA_OWN_LOG
+  return zorva_log_to_file(path);
+#else
+  static_cast<void>(path);
+  return -ENOSYS;
+#endif
+}
+
+// Returns where a person finds the log.
+std::string open_log_file() {
+  const std::string& path = manager.log_file;
+  if (!log_can_have_file()) {
+    if (!path.empty()) {
+      std::cerr << "zorva: -l has no effect with this log library" << std::endl;
+    }
+    return "tag ZORVA";
   }
-  const int ret = log_to_file(manager.log_file.c_str());
-  if (ret == -ENOSYS) {
-    std::cerr << "zorva: -l has no effect with this log library" << std::endl;
-  } else if (ret < 0) {
-    std::cerr << "zorva: cannot open log file " << manager.log_file << ": " << strerror(-ret)
+  if (path.empty()) {
+    return "syslog, tag ZORVA; -l /dev/stderr shows it here";
+  }
+  const int ret = log_to_file(path.c_str());
+  if (ret < 0) {
+    const char* reason = ret == -ENXIO ? "nobody reads from it" : strerror(-ret);
+    std::cerr << "zorva: cannot open log file " << path << ": " << reason
               << "; the log goes to syslog" << std::endl;
+    return "syslog, tag ZORVA";
   }
+  return path;
 }
 
 void run_reports() {
   std::thread top_thread(zorva_thread, top);
   zorva_manage::read_input();
+  const output_dropper dropper;  // a report may be waiting for the terminal
   top_thread.join();
 }
 
@@ -61,10 +79,10 @@ int main(int argc, char** argv) {
     show_help();
     return 0;
   }
-  open_log_file();
+  const std::string log_place = open_log_file();
   if (top->zorva_top_init(ip, port) < 0) {
     std::cout << "zorva_top_init failed" << std::endl;
-    std::cerr << "zorva: the log says why (tag ZORVA; -l FILE writes it to FILE)" << std::endl;
+    std::cerr << "zorva: the log says why (" << log_place << ")" << std::endl;
     return -1;
   }
   if (manager.tui_mode) {

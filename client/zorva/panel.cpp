@@ -39,16 +39,21 @@ const char* window_info::paint_header(const char* msg) const {
 }
 
 void window_info::update_window(const char* msg, bool light_header) {
+  const bool says_something = *msg != '\0';
+  if (says_something) {
+    // In the last row, curses clears nothing at a line end that follows a wrapped line.
+    wmove(win, getmaxy(win) - 1, 0);
+    wclrtoeol(win);
+  }
   wmove(win, 0, 0);
-  const bool ends_line = *msg != '\0' && msg[std::strlen(msg) - 1] == '\n';
   if (light_header && pos.width > 0) {
     msg = paint_header(msg);
   }
   // Not wprintw: in ncurses 6.4 it reads its arguments twice when the text is longer than the
   // screen.
   const bool all_printed = waddstr(win, msg) != ERR;
-  if (ends_line && all_printed) {
-    wclrtobot(win);  // rows that a longer text has left
+  if (says_something && all_printed) {
+    wclrtobot(win);  // what a longer text has left
   }
   wrefresh(win);
 }

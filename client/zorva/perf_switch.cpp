@@ -1,6 +1,7 @@
 #include "zorva/perf_switch.h"
 
 #include <memory>
+#include <mutex>
 
 #include "zorva/log.h"
 #include "zorva/monitor.h"
@@ -9,14 +10,22 @@
 
 namespace {
 
-// The counters' panel, filled by the worker of the CPU panel, beside a narrower process list.
+std::mutex turn_lock;  // guards perf_turn, and enable_perf while it is set for a turn
+unsigned perf_turn = 0;
+
+// The counters' panel, filled by the worker of the CPU panel, beside a narrower process list. A
+// change of the terminal's size in between may place both as if the counters were off; the next
+// frame mends that.
 void open_perf_panel(windows_manager& winds) {
   winds.place_process_panel(true);
   constexpr int cycle_ms = 1000;
   const position pos = winds.place_of("perf", true);
-  const auto perf_info =
+  auto perf_info =
       std::make_shared<window_info>("perf", pos.x, pos.y, pos.width, pos.height, cycle_ms);
   winds.create_monitor_window(perf_info, nullptr, top);
+  // When the worker has not removed the last panel yet, that one stays, and this one goes.
+  const std::lock_guard<std::mutex> win_lk(winds.lock);
+  perf_info.reset();
 }
 
 void switch_perf_on() {
@@ -27,6 +36,8 @@ void switch_perf_on() {
   if (top->winds != nullptr) {
     open_perf_panel(*top->winds);
   }
+  const std::lock_guard<std::mutex> guard(turn_lock);
+  ++perf_turn;
   manager.enable_perf = true;
   manager.flush_now = true;
 }
@@ -56,6 +67,22 @@ int take_perf_counters(cpu_stat_manager& cpu) {
     LOG_E("Enable perf monitor failed:%d\n", ret);
   }
   return ret;
+}
+
+unsigned turn_of_counters() {
+  const std::lock_guard<std::mutex> guard(turn_lock);
+  return perf_turn;
+}
+
+void lose_perf_counters(windows_manager& winds, unsigned turn) {
+  {
+    const std::lock_guard<std::mutex> guard(turn_lock);
+    if (turn != perf_turn) {
+      return;
+    }
+    manager.enable_perf = false;
+  }
+  close_perf_panel(winds);
 }
 
 void close_perf_panel(windows_manager& winds) {

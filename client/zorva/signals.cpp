@@ -1,21 +1,25 @@
 #include "zorva/signals.h"
 
-#include <curses.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
-#include <termios.h>
+#include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <initializer_list>
+#include <iterator>
 #include <system_error>
 
 #include "client_comm.h"
 #include "cpu_stat_manager.h"
 #include "net_stat_manager.h"
+#include "zorva/bounded_lock.h"
+#include "zorva/job_control.h"
 #include "zorva/log.h"
-#include "zorva/screen_exit.h"
+#include "zorva/screen_keeper.h"
 #include "zorva/settings.h"
 #include "zorva/terminal_modes.h"
 #include "zorva/window_manager.h"
@@ -25,6 +29,7 @@ clean_up_targets clean_up_objects;
 namespace {
 
 constexpr int clean_up_limit_s = 3;
+constexpr int clean_up_patience_ms = 1000;
 
 // What the handler writes to the pipe, a byte a signal: its number, and whether this process
 // brought it about by a fault of its own.
@@ -40,37 +45,35 @@ pthread_t watcher_id;
 std::atomic<bool> clean_up_done{false};
 // The signal that the watchdog ends the process by.
 std::atomic<int> dying_signal{0};
+// The terminal was put back.
+std::atomic<bool> terminal_is_back{false};
 // Held while the clean-up, or the main thread's own shutdown, uses the client objects.
 std::mutex shutdown_lock;
-
-// For the case that curses cannot be asked any more: the terminal's modes before curses, and what
-// ends the full screen. Written before the clean-up has a window manager.
-termios found_tio{};
-char leave_screen[128];
-size_t leave_screen_size = 0;
 
 // The functions from here to signalHandler call nothing that signal-safety(7) does not list.
 
 // What a hanging clean-up has left undone, as far as it can be done without curses.
 void restore_terminal_at_last() {
-  if (clean_up_objects.winds.load() != nullptr && terminal_is_ours()) {
-    pollfd screen{STDOUT_FILENO, POLLOUT, 0};
-    if (poll(&screen, 1, 0) == 1 && (screen.revents & POLLOUT) != 0) {
-      [[maybe_unused]] const ssize_t written =
-          write(STDOUT_FILENO, leave_screen, leave_screen_size);
-    }
-    tcsetattr(STDIN_FILENO, TCSANOW, &found_tio);
+  if (terminal_is_back) {
+    return;
+  }
+  if (clean_up_objects.winds.load() != nullptr) {
+    leave_screen();
   }
   set_line_mode();
 }
 
-[[noreturn]] void die_by(int signo) {
-  signal(signo, SIG_DFL);
+void raise_unblocked(int signo) {
   sigset_t only;
   sigemptyset(&only);
   sigaddset(&only, signo);
   pthread_sigmask(SIG_UNBLOCK, &only, nullptr);
   raise(signo);
+}
+
+[[noreturn]] void die_by(int signo) {
+  signal(signo, SIG_DFL);
+  raise_unblocked(signo);
   _exit(128 + signo);
 }
 
@@ -95,8 +98,7 @@ bool is_own_fault(int signo, const siginfo_t& info) {
   if (watcher_runs && pthread_equal(watcher_id, pthread_self()) == 0) {
     for (int waited_ms = 0; waited_ms < clean_up_limit_s * 1000 && !clean_up_done;
          waited_ms += slice_ms) {
-      const timespec slice{0, slice_ms * 1000000L};
-      nanosleep(&slice, nullptr);
+      poll(nullptr, 0, slice_ms);
     }
   }
   if (!clean_up_done) {
@@ -177,27 +179,18 @@ void release_monitors() {
   }
 }
 
-// Takes the screen from the refresher and keeps it: a paint after this would begin curses anew. A
-// thread that hangs or has faulted while it painted does not give it up, so that the wait is short.
-void end_curses() {
-  windows_manager* const winds = clean_up_objects.winds;
-  if (winds == nullptr) {
-    return;
-  }
-  constexpr int attempts = 50;
-  constexpr useconds_t attempt_us = 10000;
-  for (int i = 0; i < attempts && !winds->lock.try_lock(); ++i) {
-    usleep(attempt_us);
-  }
-  curs_set(1);
-  endwin();
-}
-
+// Takes the terminal from the keyboard loop and the screen from the refresher, and keeps both: a
+// paint after this would begin curses anew. A thread that hangs or has faulted while it painted
+// does not give the screen up, so that the wait is short.
 void restore_terminal() {
-  if (manager.tui_mode) {
-    end_curses();
+  lock_within(terminal_taken, clean_up_patience_ms).release();
+  windows_manager* const winds = clean_up_objects.winds;
+  if (winds != nullptr) {
+    take_screen(*winds).release();
+    end_screen();
   }
   set_line_mode();
+  terminal_is_back = true;
 }
 
 // Signals that came while the clean-up ran are logged and nothing else.
@@ -212,7 +205,7 @@ void log_pending(int pipe_end) {
 void end_by_signal(int signo, int pipe_end) {
   start_watchdog(signo);
   log_signal(signo);
-  std::unique_lock<std::mutex> shutdown(shutdown_lock);
+  const std::lock_guard<std::mutex> shutdown(shutdown_lock);
   if (manager.to_exit.exchange(true)) {
     return;  // the program ends by itself, or of this signal if that hangs
   }
@@ -223,9 +216,12 @@ void end_by_signal(int signo, int pipe_end) {
 }
 
 // The faulting thread waits in its handler and ends the process itself, or ends it without this
-// when a step hangs. The shutdown lock is left alone: that thread may be the main one, holding it.
+// when a step hangs. That thread may be the main one, holding the shutdown lock, which is not
+// waited for then.
 void clean_up_after_fault(int signo) {
+  constexpr int patience_ms = 300;
   log_signal(signo);
+  const auto shutdown = lock_within(shutdown_lock, patience_ms);
   if (!manager.to_exit.exchange(true)) {
     release_monitors();
   }
@@ -233,10 +229,104 @@ void clean_up_after_fault(int signo) {
   clean_up_done = true;
 }
 
+// Of these none has a handler of the program's. Those that stop the job or let it go on, or end it,
+// reach a terminal that is put back first; they then have the effect that they would have had
+// without. SIGTERM is one that curses catches, and must not while somebody paints.
+constexpr int ending_signals[] = {SIGTERM, SIGHUP, SIGQUIT};
+constexpr int job_signals[] = {SIGTSTP, SIGCONT, SIGWINCH};
+
+sigset_t watched_signals() {
+  sigset_t watched;
+  sigemptyset(&watched);
+  for (const int signo : ending_signals) {
+    sigaddset(&watched, signo);
+  }
+  for (const int signo : job_signals) {
+    sigaddset(&watched, signo);
+  }
+  // What whoever started the program has it ignore stays ignored.
+  for (const int signo : {SIGTERM, SIGHUP, SIGQUIT, SIGTSTP}) {
+    struct sigaction now {};
+    if (sigaction(signo, nullptr, &now) == 0 && now.sa_handler == SIG_IGN) {
+      sigdelset(&watched, signo);
+    }
+  }
+  return watched;
+}
+
+// A signal that is about to end the program has come.
+bool end_is_near(int pipe_end) {
+  pollfd waiting{pipe_end, POLLIN, 0};
+  if (poll(&waiting, 1, 0) > 0) {
+    return true;
+  }
+  sigset_t pending;
+  sigpending(&pending);
+  for (const int signo : ending_signals) {
+    if (sigismember(&pending, signo) == 1) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// The full screen's manager, which is there for as long as the shutdown lock is held.
+void pass_job_signal(int signo, int pipe_end) {
+  constexpr int patience_ms = 300;
+  const auto shutdown = lock_within(shutdown_lock, patience_ms);
+  windows_manager* const winds = shutdown.owns_lock() ? clean_up_objects.winds.load() : nullptr;
+  const auto ends = [pipe_end] { return end_is_near(pipe_end); };
+  if (signo == SIGTSTP) {
+    stop_job(winds, ends);
+  } else if (signo == SIGCONT) {
+    resume_job(winds, ends);
+  } else if (winds != nullptr) {
+    winds->terminal_changed = true;
+  }
+}
+
+// Ends the process as the signal would have done by itself, but for the terminal. In the full
+// screen that is the action of curses for SIGTERM, which runs here, while nobody paints.
+void end_by_watched(int signo) {
+  start_watchdog(signo);
+  const std::lock_guard<std::mutex> shutdown(shutdown_lock);
+  if (manager.to_exit) {
+    return;  // the program ends by itself, or of this signal if that hangs
+  }
+  windows_manager* const winds = clean_up_objects.winds;
+  if (signo == SIGTERM && winds != nullptr) {
+    const auto screen = take_screen(*winds);
+    if (screen.owns_lock() && screen_is_shown()) {
+      free_terminal();
+      raise_unblocked(signo);
+    }
+  }
+  restore_terminal();
+  die_by(signo);
+}
+
+void act_on_note(unsigned char note, int pipe_end) {
+  const int signo = note & ~fault_mark;
+  if ((note & fault_mark) != 0) {
+    clean_up_after_fault(signo);
+  } else {
+    end_by_signal(signo, pipe_end);
+  }
+}
+
+void act_on_watched(int signo, int pipe_end) {
+  const bool ends = std::find(std::begin(ending_signals), std::end(ending_signals), signo) !=
+                    std::end(ending_signals);
+  if (ends) {
+    end_by_watched(signo);
+  } else {
+    pass_job_signal(signo, pipe_end);
+  }
+}
+
 }  // namespace
 
 signal_guard::signal_guard() {
-  tcgetattr(STDIN_FILENO, &found_tio);
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) {
     throw std::system_error(errno, std::generic_category(), "pipe for signals");
@@ -244,7 +334,18 @@ signal_guard::signal_guard() {
   // A handler must never wait for room.
   fcntl(ends[1], F_SETFL, O_NONBLOCK);
   note_fd = ends[1];
-  watcher = std::thread(&signal_guard::watch, this, ends[0]);
+  sigset_t watched = watched_signals();
+  const int signal_fd = signalfd(-1, &watched, SFD_CLOEXEC);
+  if (signal_fd < 0) {
+    throw std::system_error(errno, std::generic_category(), "descriptor for signals");
+  }
+  // Blocked in every thread to come. SIGINT is taken by the watcher, so that one which came while
+  // the process was stopped is known as soon as it goes on. Without SIGTTIN a read of keys from the
+  // background fails, and does not stop the process before the watcher has put the terminal back.
+  sigaddset(&watched, SIGINT);
+  sigaddset(&watched, SIGTTIN);
+  pthread_sigmask(SIG_BLOCK, &watched, nullptr);
+  watcher = std::thread(watch, ends[0], signal_fd);
   watcher_id = watcher.native_handle();
   watcher_runs = true;
   signal_init();
@@ -260,25 +361,28 @@ std::unique_lock<std::mutex> signal_guard::hold_off() {
   return std::unique_lock<std::mutex>(shutdown_lock);
 }
 
-void signal_guard::screen_begins() {
-  leave_screen_size = screen_exit_sequence().copy(leave_screen, sizeof leave_screen);
-}
-
-void signal_guard::watch(int pipe_end) {
-  unsigned char note = stop_watching;
+void signal_guard::watch(int pipe_end, int signal_fd) {
+  sigset_t own;
+  sigemptyset(&own);
+  sigaddset(&own, SIGINT);
+  pthread_sigmask(SIG_UNBLOCK, &own, nullptr);
+  sigemptyset(&own);
+  sigaddset(&own, SIGTTOU);  // it changes the terminal's modes from the background on purpose
+  pthread_sigmask(SIG_BLOCK, &own, nullptr);
+  pollfd sources[] = {{pipe_end, POLLIN, 0}, {signal_fd, POLLIN, 0}};
   while (true) {
-    const ssize_t got = read(pipe_end, &note, 1);
-    if (got < 0 && errno == EINTR) {
-      continue;
+    if (poll(sources, 2, -1) < 0) {
+      continue;  // a handler ran on this thread
     }
-    if (got != 1 || note == stop_watching) {
-      return;
-    }
-    const int signo = note & ~fault_mark;
-    if ((note & fault_mark) != 0) {
-      clean_up_after_fault(signo);
-    } else {
-      end_by_signal(signo, pipe_end);
+    unsigned char note = stop_watching;
+    signalfd_siginfo watched{};
+    if (sources[0].revents != 0) {
+      if (read(pipe_end, &note, 1) != 1 || note == stop_watching) {
+        return;
+      }
+      act_on_note(note, pipe_end);
+    } else if (read(signal_fd, &watched, sizeof watched) == ssize_t{sizeof watched}) {
+      act_on_watched(static_cast<int>(watched.ssi_signo), pipe_end);
     }
   }
 }

@@ -1,6 +1,7 @@
 #include "zorva/tui.h"
 
 #include <curses.h>
+#include <signal.h>
 
 #include <clocale>
 #include <functional>
@@ -10,8 +11,10 @@
 
 #include "zorva/monitor.h"
 #include "zorva/refresher.h"
+#include "zorva/screen_keeper.h"
 #include "zorva/settings.h"
 #include "zorva/signals.h"
+#include "zorva/terminal_check.h"
 #include "zorva/window_manager.h"
 #include "zorva/workers.h"
 
@@ -52,8 +55,9 @@ std::vector<panel_handle> build_panels() {
 }
 
 // The worker of "cpu" may still take "perf" off the map, and wants the manager's lock for it: the
-// handles are copied under the lock, and joined without it.
-void join_workers(windows_manager& winds) {
+// handles are copied under the lock, and joined without it. They are returned for as long as the
+// refresher runs: the last one of a panel ends its curses window.
+std::vector<panel_handle> join_workers(windows_manager& winds) {
   std::vector<panel_handle> panels;
   {
     const std::lock_guard<std::mutex> win_lk(winds.lock);
@@ -66,30 +70,52 @@ void join_workers(windows_manager& winds) {
       panel->thread.join();
     }
   }
+  return panels;
+}
+
+// Curses is kept from a handler of its own for SIGTSTP, which would read and set the terminal's
+// modes while others do, and from ignoring that signal during each paint: it does neither where it
+// finds a handler when it begins.
+windows_manager* begin_screen() {
+  struct sigaction found {};
+  sigaction(SIGTSTP, nullptr, &found);
+  struct sigaction none {};
+  none.sa_handler = [](int) {};
+  sigaction(SIGTSTP, &none, nullptr);
+  auto* const winds = new windows_manager();
+  sigaction(SIGTSTP, &found, nullptr);
+  return winds;
 }
 
 }  // namespace
 
 void run_tui(signal_guard& signals) {
   setlocale(LC_CTYPE, "");  // curses then prints what a UTF-8 terminal can show
+  screen_will_begin();
   {
     const auto hold = signals.hold_off();
-    top->winds = new windows_manager();
-    signals.screen_begins();
+    advise_on_terminal();
+    top->winds = begin_screen();
+    screen_has_begun();
     clean_up_objects.winds = top->winds;
   }
+  top->winds->late_workers["process"] = process_thread;
   std::vector<panel_handle> panels = build_panels();
   top->flusher = std::thread(reflesh_thread, top->winds);
   manager.wind_ready = true;
 
   zorva_manage::read_input();
 
-  join_workers(*top->winds);
-  top->flusher.join();
+  {
+    const output_dropper dropper;  // the refresher may wait for the terminal, and workers for it
+    const std::vector<panel_handle> registered = join_workers(*top->winds);
+    top->flusher.join();
+  }
   const auto hold = signals.hold_off();
   clean_up_objects.winds = nullptr;
   delete top->winds;
   top->winds = nullptr;
+  free_terminal();
   endwin();
   while (!panels.empty()) {
     panels.pop_back();

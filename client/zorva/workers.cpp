@@ -100,9 +100,9 @@ void fill_perf_panel(zorva& monitor, windows_manager& winds, std::shared_ptr<win
     return;
   }
   std::stringstream ss;
+  const unsigned turn = turn_of_counters();
   if (monitor.cpu->get_perf_data(&ss) == counters_taken) {
-    manager.enable_perf = false;
-    close_perf_panel(winds);
+    lose_perf_counters(winds, turn);
   }
   wperf->publish(or_blank(ss));
 }
@@ -160,6 +160,17 @@ void sys_core_thread(std::shared_ptr<window_info> winfo) {
   } while (!wait_or_exit(rest_of_cycle(winfo->cycle_ms, time1, time2)));
   const std::lock_guard<std::mutex> win_lk(winds.lock);
   wperf.reset();
+}
+
+void process_thread(std::shared_ptr<window_info> winfo) {
+  zorva& monitor = monitor_of(*winfo);
+  timeval time1{};
+  timeval time2{};
+  do {
+    gettimeofday(&time1, nullptr);
+    winfo->publish(process_text(monitor));
+    gettimeofday(&time2, nullptr);
+  } while (!wait_or_exit(rest_of_cycle(manager.cycle_ms, time1, time2)));
 }
 
 void vio_thread(std::shared_ptr<window_info> /*winfo*/) {}

@@ -30,8 +30,8 @@ class window_info {
   void publish(const std::string& text);
 
   // Paints `msg` from the window's top left corner, its first line as a header bar when
-  // `light_header` is set, and clears the rows below a text that ended with a line end. The caller
-  // holds the manager's lock.
+  // `light_header` is set. What the text does not cover is blank afterwards; an empty one leaves
+  // all as it was. The caller holds the manager's lock.
   void update_window(const char* msg, bool light_header);
 
   // `ss` and the raising and lowering of need_flush are guarded by text_lock.
@@ -45,6 +45,11 @@ class window_info {
   std::atomic<bool> need_flush{false};  // `ss` holds a text that is not painted yet
   windows_manager* win_mgr = nullptr;   // set when registered; not owned
   std::mutex text_lock;                 // taken after the manager's lock, if that is held
+
+  // Guarded by the manager's lock.
+  bool has_place = true;   // the terminal has room for it; else it is not painted
+  bool lost_paint = true;  // what the terminal shows in its place is not the panel's: it is to be
+                           // painted also without a new text
 
  private:
   const char* paint_header(const char* msg) const;

@@ -16,6 +16,13 @@ int take_perf_counters(cpu_stat_manager& cpu);
 // Takes the counters' panel off the screen and gives its room to the process list.
 void close_perf_panel(windows_manager& winds);
 
+// Which time it is that this client has the counters on, by the key. Any thread.
+unsigned turn_of_counters();
+
+// Another client has taken the counters, as a request of that turn has told: they are off, and
+// their panel goes. Changes nothing when the key has switched them on again since.
+void lose_perf_counters(windows_manager& winds, unsigned turn);
+
 // What the key `p` does: the counters on when they are off, off when they are on; on the full
 // screen their panel comes and goes with them. Runs on the main thread.
 void switch_perf();

@@ -8,4 +8,8 @@ class windows_manager;
 // is one, frame by frame until the program exits.
 void reflesh_thread(windows_manager* wind_mgr);
 
+// One frame: applies a change of the terminal's size, and paints the panels that have new text or
+// lost theirs.
+void paint_frame(windows_manager& winds);
+
 #endif

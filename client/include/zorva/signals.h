@@ -27,6 +27,10 @@ extern clean_up_targets clean_up_objects;
 // the program is ending already, calls off what the server holds, restores the terminal, and raises
 // the signal again with its default action. A step that hangs delays that by 3 s at most. A thread
 // that faults waits for this to happen and then dies of its fault, so that a core shows the place.
+//
+// The same thread takes SIGTERM, SIGHUP and SIGQUIT, puts the terminal back and then lets them have
+// the effect that they have without it, and SIGTSTP, SIGCONT and SIGWINCH, for job control and
+// changes of the terminal's size. It needs no handler for these: they are blocked in all threads.
 class signal_guard {
  public:
   signal_guard();
@@ -39,12 +43,8 @@ class signal_guard {
   // by the signal.
   std::unique_lock<std::mutex> hold_off();
 
-  // To be called once curses has begun, with the hold-off: notes how this terminal's screen is
-  // left, should curses not be able to any more.
-  void screen_begins();
-
  private:
-  void watch(int pipe_end);
+  static void watch(int pipe_end, int signal_fd);
 
   std::thread watcher;
 };

@@ -12,6 +12,10 @@ void common_info_thread(std::shared_ptr<window_info> winfo);
 void sys_core_thread(std::shared_ptr<window_info> winfo);
 void bpu_thread(std::shared_ptr<window_info> winfo);
 
+// The worker of a process list that had no room when the program started: sys_core_thread looks for
+// one only then.
+void process_thread(std::shared_ptr<window_info> winfo);
+
 // Returns at once: the VIO panel stays empty, its figures are in the reports. `priv` is the VIO
 // client object.
 void vio_thread(std::shared_ptr<window_info> winfo);

@@ -1,10 +1,11 @@
-#include "zorva/screen_exit.h"
+#include "zorva/screen_sequences.h"
 
 #include <curses.h>
 // A file of its own: this header's macros have the names of half the world.
 #include <term.h>
 
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 
 namespace {
@@ -17,12 +18,10 @@ int collect(int c) {
   return c;
 }
 
-}  // namespace
-
-std::string screen_exit_sequence() {
+std::string sequence_of(std::initializer_list<const char*> names) {
   std::string bytes;
   collected = &bytes;
-  for (const char* name : {"sgr0", "cnorm", "rmcup"}) {
+  for (const char* name : names) {
     const char* sequence = tigetstr(name);
     // -1 is tigetstr's answer for a name that is no string.
     if (sequence != nullptr && reinterpret_cast<intptr_t>(sequence) != -1) {
@@ -31,4 +30,14 @@ std::string screen_exit_sequence() {
   }
   collected = nullptr;
   return bytes;
+}
+
+}  // namespace
+
+std::string screen_enter_sequence() {
+  return sequence_of({"smcup", "civis"});
+}
+
+std::string screen_exit_sequence() {
+  return sequence_of({"sgr0", "cnorm", "rmcup"});
 }
