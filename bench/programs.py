@@ -145,10 +145,13 @@ class InTerminal:
 
 
 class Server:
-    """A monitor server on a free port of the loopback address."""
+    """A monitor server on a free port of the loopback address.
 
-    def __init__(self, binaries, options=(), environment=None):
-        self.log = tempfile.TemporaryFile("w+")
+    log: the file for its standard error, read again from its start; it is closed in the end.
+    """
+
+    def __init__(self, binaries, options=(), environment=None, log=None):
+        self.log = log or tempfile.TemporaryFile("w+")
         self.process = subprocess.Popen([f"{binaries}/mon_server", "--port", "0", *options],
                                         stderr=self.log, stdin=subprocess.DEVNULL,
                                         env={**os.environ, **(environment or {})},
@@ -159,10 +162,13 @@ class Server:
             self.stop()
             raise
 
+    def read_log(self):
+        self.log.seek(0)
+        return self.log.read()
+
     def _find_port(self):
         for _ in range(100):
-            self.log.seek(0)
-            text = self.log.read()
+            text = self.read_log()
             found = re.search(r"listening on .* port (\d+)", text)
             if found:
                 return int(found[1])
