@@ -50,6 +50,7 @@ std::vector<uint8_t> valid_request(const uint8_t*& data, size_t& size) {
   size -= header_size;
   const size_t length = std::min<size_t>(header.length % (max_request_payload + 1), size);
   header.type = type_request;
+  header.status = 0;
   std::vector<uint8_t> message;
   encode(header, data, length, message);
   data += length;

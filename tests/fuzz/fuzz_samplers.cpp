@@ -22,6 +22,7 @@
 #include "samplers/process_sampler.h"
 #include "samplers/process_stat.h"
 #include "samplers/socket_dump.h"
+#include "samplers/system.h"
 #include "samplers/task_iterator.h"
 #include "samplers/text.h"
 #include "samplers/thermal.h"
@@ -126,6 +127,23 @@ void read_net(const tree& tree) {
   sample_twice<net_sample>(tree, 512, read_net_sample, net_rates);
 }
 
+void read_system(const tree& tree) {
+  const auto read = [](const file_reader& machine, system_sample& sample) {
+    system_sampler sampler;
+    sampler.read(machine, nullptr, nullptr, sample);
+    read_zram(machine, sampler.zram_devices());
+    return 0;
+  };
+  const auto figures = [](const system_sample* before, const system_sample& now) {
+    const system_stat stat = system_figures(before, now);
+    for (const float share : {stat.cpu_some, stat.io_some, stat.memory_some, stat.memory_full}) {
+      expect(!(share < 0 || share > 100), "a share of the interval");
+    }
+    return std::vector<system_stat>{stat};
+  };
+  sample_twice<system_sample>(tree, 1, read, figures);
+}
+
 constexpr struct {
   const char* path;
   void (*read)(const tree&);
@@ -144,6 +162,9 @@ constexpr struct {
     {"sys/bus/event_source/devices/core/cpus", read_events},
     {"sys/bus/event_source/devices/core/events/l2d_cache", read_events},
     {"proc/7/stat", read_processes},
+    {"proc/pressure/memory", read_system},
+    {"proc/loadavg", read_system},
+    {"sys/block/zram0/mm_stat", read_system},
 };
 
 void read_file(size_t index, std::string_view text) {

@@ -18,7 +18,7 @@ struct slow_reader_test : testing::Test {
   // Asks, and runs the event loop until the answer is there.
   result ask(const std::string& key, const slow_reader::job& job) {
     std::optional<result> answer;
-    reader.ask(key, 0, job, [&](const result& got) { answer = got; });
+    reader.ask({key, key, this}, 0, job, [&](const result& got) { answer = got; });
     EXPECT_TRUE(wait_until([&] {
       loop.restart();
       loop.poll();
@@ -44,7 +44,8 @@ TEST_F(slow_reader_test, a_hanging_read_is_unknown_and_holds_up_no_other) {
   EXPECT_EQ(ask("dead too", dead), nullptr);
   // Asked for again it is unknown at once; it is not read a second time.
   bool answered = false;
-  reader.ask("dead", 0, good, [&](const result& got) { answered = got == nullptr; });
+  reader.ask({"dead", "dead", this}, 0, good,
+             [&](const result& got) { answered = got == nullptr; });
   EXPECT_TRUE(answered);
   EXPECT_EQ(reads, 0);
   // Clients that ask for the same together share a read.
@@ -57,14 +58,56 @@ TEST_F(slow_reader_test, a_hanging_read_is_unknown_and_holds_up_no_other) {
   EXPECT_TRUE(wait_until([&] { return ask("dead", good) != nullptr; }));
 }
 
+// Paths of one dead mount, say.
+TEST_F(slow_reader_test, one_lane_takes_one_thread) {
+  size_t unknown = 0;
+  for (const char* key : {"a", "b", "c", "d", "e"}) {
+    reader.ask({key, "dead", this}, 0, dead,
+               [&](const result& got) { unknown += got == nullptr ? 1 : 0; });
+  }
+  EXPECT_NE(ask("good", good), nullptr);
+  EXPECT_EQ(unknown, 0U);
+  EXPECT_TRUE(wait_until([&] {
+    loop.restart();
+    loop.poll();
+    return unknown == 5;
+  }));
+  for (const char* key : {"a", "f"}) {
+    reader.ask({key, "dead", this}, 0, dead, [&](const result& got) { unknown += got ? 0 : 1; });
+  }
+  EXPECT_EQ(unknown, 7U) << "at once";
+}
+
+TEST_F(slow_reader_test, clients_take_turns) {
+  int answered = 0;
+  std::string order;  // by one thread at a time, since all are of one lane
+  const auto want = [&](char client, int number) {
+    const auto read = [&order, client] { return order += client, slow_reader::bytes{}; };
+    reader.ask({client + std::to_string(number), "disk", &order + client}, 0, read,
+               [&](const result&) { ++answered; });
+  };
+  for (int i = 0; i < 5; ++i) {
+    want('a', i);
+  }
+  want('b', 0);
+  want('c', 0);
+  want('b', 1);
+  EXPECT_TRUE(wait_until([&] {
+    loop.restart();
+    loop.poll();
+    return answered == 8;
+  }));
+  EXPECT_EQ(order, "aabcabaa") << "the first had started before the others came";
+}
+
 // The keys are paths that clients make up.
 TEST_F(slow_reader_test, endless_keys_are_refused) {
   size_t refused = 0;
-  for (int i = 0; i < 1000; ++i) {
-    reader.ask("path " + std::to_string(i), 0, dead,
+  for (int i = 0; i < 2000; ++i) {
+    reader.ask({"path " + std::to_string(i), "dead", this}, 0, dead,
                [&](const result& got) { refused += got == nullptr ? 1 : 0; });
   }
-  EXPECT_EQ(refused, 1000U - 64U);
+  EXPECT_EQ(refused, 2000U - 1024U);
 }
 
 }  // namespace

@@ -50,12 +50,34 @@ void expect_death(zorva_run& run, int signo, const std::string& steps) {
 }
 
 TEST(run, failing_start) {
-  zorva_run run({{"-b", "-p", "99", "-l", "/nonexistent/log"}, "cpu_stat_manager\tthrow=refused"});
+  const temporary_folder folder;
+  const std::string fifo = folder.file("fifo");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  for (const std::string& fault : {std::string("/nonexistent/log: No such file or directory"),
+                                   fifo + ": nobody reads from it"}) {
+    const std::string path = fault.substr(0, fault.find(':'));
+    zorva_run run({{"-b", "-p", "99", "-l", path}, "cpu_stat_manager\tthrow=refused"});
+    EXPECT_EQ(run.end(), "exit 255");
+    EXPECT_TRUE(has(run.output, "zorva_top_init failed\r\n"));
+    EXPECT_TRUE(has(records(), "cannot open log file " + fault + "; the log goes to syslog\n"));
+    EXPECT_TRUE(has(records(), "the log says why (syslog, tag ZORVA)\n"));
+    EXPECT_EQ(times_recorded("cpu_stat_manager 127.0.0.1 99"), 1U);
+    EXPECT_TRUE(run.wait_for_local_modes(line_modes));
+  }
+}
+
+// As with `>FILE`, which has an offset of its own.
+TEST(run, log_in_the_file_of_the_output_loses_no_line) {
+  const temporary_folder folder;
+  const std::string path = folder.file("both");
+  const int output = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+  zorva_run run({{"-b", "-l", path}, "cpu_stat_manager\tthrow=refused", true, output});
   EXPECT_EQ(run.end(), "exit 255");
-  EXPECT_TRUE(has(run.output, "zorva_top_init failed\r\n"));
-  EXPECT_TRUE(has(records(), "cannot open log file /nonexistent/log: No such file"));
-  EXPECT_EQ(times_recorded("cpu_stat_manager 127.0.0.1 99"), 1U);
-  EXPECT_TRUE(run.wait_for_local_modes(line_modes));
+  close(output);
+  const std::string text = read_file(path);
+  EXPECT_TRUE(has(text, "\"refused\" when constructor parse manager\nzorva_top_init failed\n"))
+      << text;
+  EXPECT_TRUE(has(records(), "the log says why (" + path + ")\n"));
 }
 
 TEST(run, q_ends_it_in_order) {
@@ -74,7 +96,7 @@ TEST(run, q_ends_it_in_order) {
     // That of the key H. An orderly end calls nothing off.
     EXPECT_EQ(clean_up_calls(), "cpu_mon_exit ");
     EXPECT_TRUE(has(records(),
-                    "cout\n~net_stat_manager\n~vio_info_manager\n~peri_stat_manager\n"
+                    "\n~net_stat_manager\n~vio_info_manager\n~peri_stat_manager\n"
                     "~bpu_ratio_manager\n~cpu_stat_manager\n"));
   }
 }
@@ -158,19 +180,60 @@ TEST(signals, reader_of_the_reports_goes_away) {
   close(ends[1]);
 }
 
-TEST(signals, log_that_never_returns) {
+TEST(signals, log_that_takes_no_more) {
   const temporary_folder folder;
   const std::string path = folder.file("full");
   ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
   const int fifo = open(path.c_str(), O_RDWR | O_NONBLOCK);
-  while (write(fifo, "", 1) == 1) {
-  }
-  zorva_run run({{"-b", "-l", path}});
+  const auto fill = [&] {
+    while (write(fifo, "", 1) == 1) {
+    }
+  };
+  fill();
+  zorva_run run({{"-b", "-P", "-d", "10", "-l", path}, "get_meminfo\tstatus=-5"});
   ASSERT_TRUE(run.wait_until_running());
+  ASSERT_TRUE(run.wait_for_call(reported, 3)) << "reports go on";
+  std::string log;
+  EXPECT_TRUE(run.wait_until([&] {
+    char bytes[4096];
+    const ssize_t got = read(fifo, bytes, sizeof bytes);
+    log.append(bytes, got > 0 ? static_cast<size_t>(got) : 0);
+    return has(log, "W ZORVA: log lines lost here: ");
+  }));
+  fill();
   kill(run.pid, SIGINT);
   EXPECT_EQ(run.end(), strsignal(SIGINT));
+  EXPECT_EQ(clean_up_calls(), all_steps);
   EXPECT_TRUE(run.wait_for_local_modes(line_modes));
   close(fifo);
+}
+
+// A server that answers nobody, and keys that each ask it: `q` is not the last to be heard.
+TEST(run, q_passes_keys_that_wait_for_a_server) {
+  zorva_run run({batch, std::string("cpu_mon_exit\t") + until_go});
+  ASSERT_TRUE(run.wait_until_running());
+  run.terminal.type("H");
+  ASSERT_TRUE(run.wait_for_call("cpu_mon_exit"));
+  run.terminal.type("PHPpHPq");
+  usleep(400000);  // long enough to be taken for a server that does not answer
+  run.go();
+  EXPECT_EQ(run.end(), "exit 0");
+  EXPECT_EQ(clean_up_calls(), "cpu_mon_exit ");
+}
+
+// Nobody reads the reports: they stand still, and keys are heard all the same.
+TEST(run, q_ends_reports_that_nobody_reads) {
+  zorva_run run({{"-b", "-d", "1"}, "get_process_all\ttext=" + std::string(5000, 'x') + "\\n"});
+  ASSERT_TRUE(run.wait_for_local_modes(0));
+  size_t made = 0;
+  const auto stand_still = [&] {
+    usleep(100000);
+    const size_t before = std::exchange(made, times_recorded("get_meminfo cout"));
+    return made > 1 && made == before;
+  };
+  ASSERT_TRUE(wait_until(stand_still));
+  run.terminal.type("q");
+  EXPECT_EQ(run.end(false), "exit 0");
 }
 
 // In a query that waits, with the terminal put back already.

@@ -9,6 +9,8 @@
 #include <thread>
 
 #include "program_fixture.h"
+#include "test_tools.h"
+#include "zorva/record_file.h"
 #include "zorva_run.h"
 
 namespace {
@@ -16,6 +18,7 @@ namespace {
 using fake_mon_client::records;
 using settings = program;
 using init = program;
+using records_of_panels = program;
 using waits = program;
 
 // The settings that the words lead to, those left out which are as at the start.
@@ -107,6 +110,35 @@ TEST_F(init, result_and_calls_and_messages_in_order) {
   manager.file_name = "/nonexistent/file";
   EXPECT_EQ(monitor.zorva_top_init("::1", 77), -1);
   EXPECT_EQ(records(), "E Open target file failed\n");
+}
+
+TEST_F(records_of_panels, failures_are_logged_once_a_row) {
+  const temporary_folder folder;
+  const std::string failed =
+      "E Write target file records failed: No space left on device; records are lost\n";
+  manager.file_name = "records";
+  for (const std::string& expected :
+       {failed, "W Target file records is written again\n" + failed}) {
+    // The stream stays what it is, as with a disk that is full now and then.
+    manager.out_file.close();
+    manager.out_file.open("/dev/full", std::ios::app);
+    for (int i = 0; i < 30; ++i) {
+      append_record(std::string(1000, 'x'));
+    }
+    EXPECT_EQ(records(), expected);
+    fake_mon_client::reset();
+    manager.out_file.close();
+    manager.out_file.open(folder.file("records"), std::ios::app);
+    append_record("first record with room again");
+  }
+  fake_mon_client::reset();
+  append_record("few");
+  manager.out_file.close();
+  manager.out_file.open("/dev/full", std::ios::app);
+  append_record("held back until the end");
+  EXPECT_EQ(records(), "");
+  end_records();
+  EXPECT_EQ(records(), failed);
 }
 
 class keyboard : public program {

@@ -127,10 +127,14 @@ struct zorva_run {
 
   static void go() { fake_mon_client::record("go"); }
 
-  // The signal that it died by, or "exit " and its status.
-  std::string end() {
+  // The signal that it died by, or "exit " and its status. With `reading` off, nothing is read from
+  // the terminal before.
+  std::string end(bool reading = true) {
     int status = -1;
-    EXPECT_TRUE(wait_until([&] {
+    EXPECT_TRUE(::wait_until([&] {
+      if (reading) {
+        collect_output();
+      }
 #ifdef __SANITIZE_THREAD__
       // ThreadSanitizer puts a signal off until the thread that took it calls a function that it
       // knows. The main thread, waiting for a key, calls one when this key is logged.

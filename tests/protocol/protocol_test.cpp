@@ -10,6 +10,7 @@
 #include <sstream>
 
 #include "mon_records.h"
+#include "wrong_headers.h"
 
 namespace {
 
@@ -52,7 +53,11 @@ TEST(protocol, examples_of_the_page_decode_and_encode_to_the_same_bytes) {
       {"partition-request", cmd_peri, peri_partitions, type_request, 7, 2, 0},
       {"partition-answer", cmd_peri, peri_partitions, type_answer, 7, 2, 0},
       {"bandwidth-answer", cmd_net, net_bandwidth, type_answer, 7, 3, 0},
+      {"traffic-answer", cmd_net, net_by_direction, type_answer, 7, 5, 0},
+      {"system-answer", cmd_cpu, cpu_system, type_answer, 7, 6, 0},
       {"perf-refused-answer", cmd_cpu, cpu_enable_perf, type_answer, 7, 4, -16},
+      {"command-lines-request", cmd_cpu, cpu_command_lines, type_request, 7, 5, 0},
+      {"command-lines-answer", cmd_cpu, cpu_command_lines, type_answer, 7, 5, 0},
   };
   EXPECT_EQ(page.size(), std::size(rows));
   for (const auto& row : rows) {
@@ -79,17 +84,56 @@ TEST(protocol, examples_of_the_page_decode_and_encode_to_the_same_bytes) {
   }
 }
 
+TEST(protocol, headers_that_cannot_be_one_are_told_apart) {
+  for (const wrong_header& wrong : wrong_headers) {
+    for (const message_type type : {type_request, type_answer}) {
+      message_header header{};
+      header.type = type;
+      bytes message;
+      encode(header, "data", 4, message);
+      EXPECT_EQ(decode_header(message.data(), type, 4, header), "");
+      message = wrong.of(message);
+      EXPECT_EQ(decode_header(message.data(), type, 4, header).rfind(wrong.why, 0), 0U)
+          << wrong.why;
+      EXPECT_TRUE(header.length != 4 || crc_matches(header, message.data() + header_size));
+    }
+  }
+}
+
 TEST(protocol, records_of_the_examples_hold_what_the_page_says) {
   const auto page = examples();
-  const bytes& message = page.at("process-list-answer");
+  const auto payload_of = [&page](const char* name, size_t skipped) {
+    const bytes& message = page.at(name);
+    return bytes(message.begin() + static_cast<ptrdiff_t>(header_size + skipped), message.end());
+  };
   std::vector<pid_msg> list;
-  ASSERT_TRUE(decode_records({message.begin() + header_size + 8, message.end()}, 1, list));
+  ASSERT_TRUE(decode_records(payload_of("process-list-answer", 8), 1, list));
   ASSERT_EQ(list.size(), 1U);
   EXPECT_EQ(list[0].pid, 4242);
   EXPECT_STREQ(list[0].comm, "camera");
   EXPECT_EQ(list[0].process_usage, 150.0F);
   EXPECT_TRUE(std::isnan(list[0].net_band));
   EXPECT_EQ(list[0].rss, 20480);
+  std::vector<system_stat> systems;
+  ASSERT_TRUE(decode_records(payload_of("system-answer", 0), 1, systems));
+  ASSERT_EQ(systems.size(), 1U);
+  EXPECT_EQ(systems[0].tasks, 118U);
+  EXPECT_EQ(systems[0].io_some, 0.25F);
+  EXPECT_TRUE(std::isnan(systems[0].memory_full));
+  EXPECT_EQ(systems[0].zram_used, 32768U);
+  std::vector<net_traffic> devices;
+  ASSERT_TRUE(decode_records(payload_of("traffic-answer", 0), 2, devices));
+  ASSERT_EQ(devices.size(), 2U);
+  EXPECT_EQ(devices[0].tx_rate, 20.25);
+  EXPECT_EQ(devices[0].drops, 41U);
+  EXPECT_TRUE(std::isnan(devices[1].rx_rate));
+  EXPECT_EQ(devices[1].errors, unknown_u64);
+  const bytes& lines = page.at("command-lines-answer");
+  std::vector<process_command> commands;
+  ASSERT_TRUE(decode_records({lines.begin() + header_size, lines.end()}, 1, commands));
+  ASSERT_EQ(commands.size(), 1U);
+  EXPECT_EQ(commands[0].pid, 4242);
+  EXPECT_STREQ(commands[0].text, "/usr/bin/camera --left");
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include "sampler_test.h"
 #include "samplers/ion.h"
 #include "samplers/memory.h"
+#include "samplers/mounts.h"
 #include "samplers/partitions.h"
 #include "samplers/thermal.h"
 
@@ -93,6 +94,60 @@ TEST(ion, first_source_that_there_is) {
   EXPECT_EQ(parse_dma_buf_total("Dma-buf Objects:\n00008192 0002 0007 00000003 ion\n"
                                 "Total 0 devices attached\n\n\nTotal 1 objects, 00008192 bytes\n"),
             8192U);
+}
+
+TEST(mounts, of_paths_are_told_without_touching_them) {
+  const samplers::mount_table mounts(
+      "22 1 8:1 / / rw shared:1 - ext4 /dev/sda1 rw\n"
+      "23 22 0:5 / /proc rw - proc proc rw\n"
+      "24 22 8:2 / /mnt/a\\040b rw - ext4 /dev/sda2 rw\n"
+      "25 24 8:3 / /mnt/a\\040b/in rw - ext4 /dev/sda3 rw\n"
+      "26 22 0:6 / /proc rw - tmpfs none rw\n"
+      "27 22 8:2 /x /bound rw - ext4 /dev/sda2 rw\n");
+  const struct {
+    const char* path;
+    const char* normal;
+    const char* device;
+  } rows[] = {
+      {"/", "/", "8:1"},
+      {"//./../", "/", "8:1"},
+      {"/proc/stat", "/proc/stat", "0:6"},
+      {"/process", "/process", "8:1"},
+      {"/mnt//a b/.", "/mnt/a b", "8:2"},
+      {"/mnt/a b/in/../in/x/", "/mnt/a b/in/x", "8:3"},
+      {"/mnt/a b/in/..", "/mnt/a b", "8:2"},
+      {"/bound/...", "/bound/...", "8:2"},
+      {"log", "", "8:1"},
+  };
+  for (const auto& row : rows) {
+    EXPECT_EQ(samplers::normal_path(row.path), row.normal);
+    EXPECT_EQ(mounts.find(row.normal).device, row.device) << row.path;
+  }
+}
+
+// Links are followed up to where another mount begins, and no further: it may be dead.
+TEST(mounts, links_are_followed_on_their_own_mount) {
+  const temporary_folder tree;
+  const std::string root = std::filesystem::canonical(tree.path);
+  tree.write("data/file", "");
+  tree.link("near", "data/../data");
+  tree.link("far", root + "/dead/x");
+  tree.link("data/up", "../far/./y");
+  tree.link("loop", "loop");
+  const samplers::mount_table mounts("1 1 8:1 / / rw\n2 1 0:9 / " + root + "/dead rw\n");
+  const struct {
+    const char* path;
+    int status;
+    const char* leads_to;
+  } rows[] = {
+      {"/data/file", 0, "/data/file"},  {"/near/file", 0, "/data/file"}, {"/far", 0, "/dead/x"},
+      {"/near/up/z", 0, "/dead/x/y/z"}, {"/none", -ENOENT, "/none"},     {"/loop", -ELOOP, "/loop"},
+  };
+  for (const auto& row : rows) {
+    std::string path = root + row.path;
+    EXPECT_EQ(samplers::follow_links(mounts, path), row.status) << row.path;
+    EXPECT_EQ(path, root + row.leads_to);
+  }
 }
 
 TEST(partitions, failure_and_pseudo_file_systems_are_unknown) {

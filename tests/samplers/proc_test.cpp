@@ -1,10 +1,11 @@
-// What is read from /proc of the whole machine: CPUs, block and network devices.
+// What is read from /proc of the whole machine: CPUs, block and network devices, load and pressure.
 #include <gtest/gtest.h>
 
 #include "sampler_test.h"
 #include "samplers/blocks.h"
 #include "samplers/cpu.h"
 #include "samplers/net_devices.h"
+#include "samplers/system.h"
 
 namespace samplers {
 namespace {
@@ -117,29 +118,118 @@ net_sample devices(int64_t time_us, const char* text) {
   return sample;
 }
 
+// Total and rate, then received, sent, errors and drops.
 std::string rates(const net_sample* before, const net_sample& now) {
-  return rows(net_rates(before, now),
-              [](const net_stat& one) { return row(one.dev_name, one.total, one.rate); });
+  std::string text;
+  const std::vector<net_stat> both = net_rates(before, now);
+  const std::vector<net_traffic> each = net_rates_by_direction(before, now);
+  for (size_t i = 0; i < both.size(); ++i) {
+    EXPECT_EQ(both[i].total, each[i].total);
+    text += row(both[i].dev_name, both[i].total, both[i].rate, each[i].rx_rate, each[i].tx_rate,
+                each[i].errors, each[i].drops);
+  }
+  return text;
 }
 
 TEST(net_devices, rates) {
   const net_sample before =
-      devices(1000000, "eth0:1: 1000 0 0 0 0 0 0 0 24\nwlan0: 4294967000 0 0 0 0 0 0 0 9\n");
-  net_sample now = devices(
-      3000000,
-      "Inter-|   Receive   |  Transmit\n face |bytes  packets|bytes  packets\n"
-      "eth0:1:4096 0 0 0 0 0 0 0 1024\nwlan0: 50 0 0 0 0 0 0 0 9\n usb0: 5 0 0 0 0 0 0 0 5\n"
-      "  cut: 1 2 3\n  bad: x 1 0 0 0 0 0 0 20 1\n");
-  // 4096 bytes in 2 s; the next one went down, and the last is new.
-  EXPECT_EQ(rates(&before, now), "eth0:1 5120 2\nwlan0 59 -\nusb0 10 -\n");
-  EXPECT_EQ(rates(nullptr, now), "eth0:1 5120 -\nwlan0 59 -\nusb0 10 -\n");
+      devices(1000000,
+              "eth0:1: 1000 0 0 0 0 0 0 0 24\nwlan0: 4294967000 0 1 2 0 0 0 0 9 0 3 4\n"
+              "can0: 2048 0 0 0 0 0 0 0 7 0 0 0\n");
+  net_sample now = devices(3000000,
+                           "Inter-|   Receive   |  Transmit\n face |bytes  packets|bytes  packets\n"
+                           "eth0:1:4096 0 0 0 0 0 0 0 1024\nwlan0: 50 0 1 2 0 0 0 0 2057 0 5 4 0\n"
+                           "can0: 2048 0 0 0 0 0 0 0 7 0 0 0\n usb0: 5 0 0 1 0 0 0 0 5 0 0 1\n"
+                           "  cut: 1 2 3\n  bad: x 1 0 0 0 0 0 0 20 1\n");
+  // 3096 and 1000 bytes in 2 s, without the later columns; the next one's received bytes went down,
+  // 2048 were sent; nothing moved; and the last is new.
+  const std::string totals[] = {"eth0:1 5120 ", "wlan0 2107 ", "can0 2055 ", "usb0 10 "};
+  EXPECT_EQ(rates(&before, now), totals[0] + "2 1.51172 0.488281 - -\n" + totals[1] +
+                                     "- - 1 6 6\n" + totals[2] + "0 0 0 0 0\n" + totals[3] +
+                                     "- - - 0 2\n");
+  EXPECT_EQ(rates(nullptr, now), totals[0] + "- - - - -\n" + totals[1] + "- - - 6 6\n" + totals[2] +
+                                     "- - - 0 0\n" + totals[3] + "- - - 0 2\n");
   EXPECT_EQ(rates(&now, now), rates(nullptr, now));
-  net_sample zeros = devices(4000000, "usb0: 0 0 0 0 0 0 0 0 0\n");
+  // Zeros for once, of all counters or of one direction's, and what comes after them.
+  net_sample zeros = devices(4000000,
+                             "usb0: 0 0 0 0 0 0 0 0 0 0 0 0\n"
+                             "can0: 0 0 0 0 0 0 0 0 1031 0 0 0\n");
   doubt_zeros(&now, zeros);
-  EXPECT_EQ(rates(&now, zeros), "usb0 - -\n");
-  EXPECT_EQ(rates(&zeros, devices(5000000, "usb0: 9 0 0 0 0 0 0 0 5\n")), "usb0 14 -\n");
+  EXPECT_EQ(rates(&now, zeros), "usb0 - - - - 0 -\ncan0 - - - 1 0 0\n");
+  EXPECT_EQ(rates(&zeros, devices(5000000, "usb0: 9 0 0 0 0 0 0 0 5\n")), "usb0 14 - - - - -\n");
   EXPECT_LT(read_net_sample(fixture("board-4core"), now), 0);
   EXPECT_TRUE(now.entries.empty());
+}
+
+std::string gauges(const system_stat& stat) {
+  return row(stat.load_1, stat.load_5, stat.load_15, stat.tasks, stat.tasks_running,
+             stat.tasks_blocked, stat.uptime_s, stat.swap_total, stat.swap_free);
+}
+
+std::string shares(const system_sample* before, const system_sample& now) {
+  const system_stat stat = system_figures(before, now);
+  return row(stat.cpu_some, stat.io_some, stat.io_full, stat.memory_some, stat.memory_full);
+}
+
+TEST(system, figures_of_files_and_those_that_are_missing) {
+  const temporary_folder tree;
+  const file_reader machine(tree.path);
+  system_sampler sampler;
+  system_sample sample;
+  sampler.read(machine, nullptr, nullptr, sample);
+  EXPECT_EQ(gauges(sample.stat), "- - - - - - - - -\n");
+  EXPECT_EQ(shares(&sample, sample), "- - - - -\n");
+
+  tree.write("proc/loadavg", "0.20 1.18 12.50 2/80 11206\n");
+  tree.write("proc/uptime", "1000.99 51000.00\n");
+  cpu_sample cpus;
+  parse_task_counts("cpu 1 2 3 4\nintr 9 procs_running 7\nprocs_running 3\nprocs_blocked 1\n",
+                    cpus);
+  memory_sample memory;
+  memory.swap_total = 2048;
+  memory.swap_free = 0;
+  sampler.read(machine, &cpus, &memory, sample);
+  EXPECT_EQ(gauges(sample.stat), "0.2 1.18 12.5 80 3 1 1000 2048 0\n");
+  parse_loadavg("1e99 0.10\n", sample.stat);
+  EXPECT_EQ(gauges(sample.stat), "- 0.1 - - 3 1 1000 2048 0\n");
+}
+
+TEST(system, pressure_is_of_the_interval) {
+  const auto at = [](int64_t time_us, const std::string& io_some, const char* memory) {
+    system_sample sample;
+    sample.time_us = time_us;
+    sample.cpu = parse_pressure("some avg10=0.00 avg60=0.00 avg300=0.00 total=1000\n");
+    sample.io = parse_pressure("some avg10=9.00 avg60=9.00 avg300=9.00 total=" + io_some +
+                               "\nfull avg10=0.00 avg60=0.00 avg300=0.00 total=70\n");
+    sample.memory = parse_pressure(memory);
+    return sample;
+  };
+  const system_sample before = at(1000000, "500000", "some total=10\nfull total=900\n");
+  const system_sample now = at(3000000, "1000000", "some total=9000010\nfull total=899\n");
+  // Half a second of two; more than the time that passed; stepped back.
+  EXPECT_EQ(shares(&before, now), "0 25 0 100 -\n");
+  EXPECT_EQ(shares(&before, at(3000000, "", "some avg10=0.00")), "0 - 0 - -\n");
+  EXPECT_EQ(shares(nullptr, now), "- - - - -\n");
+}
+
+TEST(system, zram_devices_add_up) {
+  const temporary_folder tree;
+  const file_reader machine(tree.path);
+  const auto use = [&machine] {
+    system_sampler sampler;
+    system_sample sample;
+    sampler.read(machine, nullptr, nullptr, sample);
+    const zram_use all = read_zram(machine, sampler.zram_devices());
+    return row(all.data, all.used);
+  };
+  tree.write("sys/block/sda/size", "8\n");
+  EXPECT_EQ(use(), "- -\n");
+  tree.write("sys/block/zram0/mm_stat", " 1048576  262144  409600 0 409600  0 0 0 0\n");
+  tree.write("sys/block/zram10/mm_stat", "4096 74 12288 0 12288 0 0\n");
+  tree.write("sys/block/zram11/disksize", "0\n");  // not set up
+  EXPECT_EQ(use(), "1028 412\n");
+  tree.write("sys/block/zram10/mm_stat", "4096 74\n");
+  EXPECT_EQ(use(), "- -\n");
 }
 
 }  // namespace

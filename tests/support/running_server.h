@@ -25,7 +25,7 @@ class running_server {
   const int port = monitor.port();  // 0 when it cannot listen
 
  private:
-  std::thread thread{[this] { loop.run(); }};
+  std::thread thread{[this] { monitor.run(); }};
 };
 
 #endif

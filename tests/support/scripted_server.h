@@ -26,12 +26,19 @@ inline bytes message_of(const message_header& header, const bytes& payload = {})
 }
 
 // False when the other side has closed the connection.
-inline bool read_message(tcp::socket& socket, message_header& header) {
+inline bool read_message(tcp::socket& socket, message_header& header, bytes& payload) {
   asio::error_code error;
   asio::read(socket, asio::buffer(&header, sizeof header), error);
-  bytes payload(error ? 0 : header.length);
-  asio::read(socket, asio::buffer(payload), error);
+  payload.clear();
+  if (!error) {
+    payload.resize(header.length);
+    asio::read(socket, asio::buffer(payload), error);
+  }
   return !error;
+}
+inline bool read_message(tcp::socket& socket, message_header& header) {
+  bytes payload;
+  return read_message(socket, header, payload);
 }
 inline bool send_bytes(tcp::socket& socket, const bytes& message) {
   asio::error_code error;

@@ -37,8 +37,12 @@ int screen::set_property(VTermProp property, VTermValue* value, void* self) {
 }
 
 void screen::show(const std::string& output) {
-  vterm_input_write(terminal.get(), output.data() + seen, output.size() - seen);
+  show_more(output.substr(seen));
   seen = output.size();
+}
+
+void screen::show_more(const std::string& bytes) {
+  vterm_input_write(terminal.get(), bytes.data(), bytes.size());
 }
 
 void screen::resize(int rows, int columns) {
@@ -67,4 +71,15 @@ int screen::bar_width(int row, int column) const {
     ++width;
   }
   return width;
+}
+
+std::string screen::bars(int row) const {
+  int rows = 0;
+  int columns = 0;
+  vterm_get_size(terminal.get(), &rows, &columns);
+  std::string found;
+  for (int x = 0; x < columns; ++x) {
+    found += is_bar(cell_at(cells, row, x)) ? '#' : ' ';
+  }
+  return found;
 }

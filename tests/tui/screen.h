@@ -15,6 +15,8 @@ class screen {
 
   // Takes what of `output` it has not seen yet; call it with all that was written so far.
   void show(const std::string& output);
+  // Takes what was written next.
+  void show_more(const std::string& bytes);
   void resize(int rows, int columns);
 
   // `length` columns of a row, without trailing blanks.
@@ -22,6 +24,9 @@ class screen {
 
   // How many columns from there on have the header bar's colours, black on green.
   int bar_width(int row, int column = 0) const;
+
+  // A '#' for each column of a row that has them, a blank for each other one.
+  std::string bars(int row) const;
 
   bool full_screen = false;  // the alternate screen is shown
   bool cursor_visible = true;

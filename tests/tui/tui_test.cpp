@@ -1,5 +1,6 @@
 // The full screen in a terminal: what it shows, and how it leaves the terminal.
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -172,6 +173,22 @@ TEST(tui, a_full_disk_under_the_output_file_changes_nothing) {
   EXPECT_TRUE(
       wait_until([] { return fake_mon_client::times_recorded("get_cpu_usage other") > 40; }));
   run.quit();
+  EXPECT_EQ(fake_mon_client::times_recorded(
+                "E Write target file /dev/full failed: No space left on device; records are lost"),
+            1u);
+}
+
+TEST(tui, terminals_that_curses_does_not_know) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "curses leaks what it has made when it ends the program";
+#endif
+  for (const char* name : {"", "no-such-terminal"}) {
+    setenv("TERM", name, 1);
+    zorva_run run({{"-g"}});
+    EXPECT_EQ(run.end(), "exit 1") << name;
+    EXPECT_NE(fake_mon_client::records().find("; try TERM=vt100 zorva"), std::string::npos);
+    EXPECT_TRUE(run.wait_for_local_modes(ICANON | ECHO));
+  }
 }
 
 // Every end puts the terminal back, wherever the threads are.
@@ -201,6 +218,42 @@ TEST(tui, every_end_leaves_the_terminal_as_it_was) {
       kill(run.pid, one.kill_by);
     }
     EXPECT_EQ(run.end(), one.how);
+    run.expect_terminal_back();
+  }
+}
+
+// Nobody reads what is painted, and the refresher waits within a paint for room.
+TEST(tui, a_terminal_that_takes_no_output_keeps_nobody) {
+  std::string full_screen = "get_process_all\ttext=PID head\\n";
+  for (int i = 0; i < 3000; ++i) {
+    full_screen += std::to_string(i);
+  }
+  for (const auto& [signo, how] : {std::pair(0, "exit 0"),
+                                   {SIGINT, "Interrupt"},
+#ifndef __SANITIZE_THREAD__  // which minds that curses ends the program without joining threads
+                                   {SIGTERM, "exit 1"},
+#endif
+                                   {SIGQUIT, "Quit"},
+                                   {SIGHUP, "Hangup"}}) {
+    SCOPED_TRACE(how);
+    tui_run run({"-d", "50"}, full_screen + '\n');
+    ASSERT_TRUE(run.wait_for_text(23, 0, "PID head"));
+    ASSERT_TRUE(run.wait_for_local_modes(0));
+    const auto takes_output = [&] {
+      pollfd terminal{run.terminal.slave, POLLOUT, 0};
+      return poll(&terminal, 1, 0) == 1 && (terminal.revents & POLLOUT) != 0;
+    };
+    for (int width = 100; takes_output(); ++width) {
+      const winsize size{60, static_cast<unsigned short>(width), 0, 0};
+      ioctl(run.terminal.master, TIOCSWINSZ, &size);
+      usleep(50000);  // a paint of the whole screen for some of these
+    }
+    if (signo == 0) {
+      run.terminal.type("q");
+    } else {
+      kill(run.pid, signo);
+    }
+    EXPECT_EQ(run.end(false), how);
     run.expect_terminal_back();
   }
 }
