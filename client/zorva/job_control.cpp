@@ -3,6 +3,7 @@
 #include <curses.h>
 #include <pthread.h>
 #include <signal.h>
+#include <termios.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -22,16 +23,28 @@ sigset_t set_of(int signo) {
   return only;
 }
 
-// Stops the process by the default action of a signal that this thread has blocked. Takes the
+// Stops the process by what `sends` makes of a signal that this thread has blocked. Takes the
 // SIGCONT that ends the stop.
-void stop_by(int signo) {
+template <class sender>
+void stop_by(int signo, const sender& sends) {
   const sigset_t stopping = set_of(signo);
   pthread_sigmask(SIG_UNBLOCK, &stopping, nullptr);
-  raise(signo);
+  sends();
   pthread_sigmask(SIG_BLOCK, &stopping, nullptr);
   const sigset_t going_on = set_of(SIGCONT);
   const timespec at_once{};
   sigtimedwait(&going_on, nullptr, &at_once);
+}
+
+void stop_as_asked() {
+  stop_by(SIGTSTP, [] { raise(SIGTSTP); });
+}
+
+// The kernel sends the signal to whoever acts on a terminal that is another job's. It looks and
+// sends at once, so that a shell which brings the job back just now does not see it stop again.
+// Restarting output is an act without effect on a terminal that is ours meanwhile.
+void stop_in_background() {
+  stop_by(SIGTTOU, [] { tcflow(STDIN_FILENO, TCOON); });
 }
 
 // Both bounded: whoever has one may hang.
@@ -62,7 +75,7 @@ class taken_screen {
   void take_from_shell(const std::function<bool()>& end_is_near) const {
     constexpr useconds_t look_us = 100000;  // where nobody can bring it back, it does not stop
     while (!terminal_is_ours() && !end_is_near()) {
-      stop_by(SIGTTOU);
+      stop_in_background();
       usleep(look_us);
     }
     if (end_is_near()) {
@@ -87,14 +100,14 @@ void stop_job(windows_manager* winds, const std::function<bool()>& end_is_near) 
   if (winds == nullptr) {
     const auto terminal = take_terminal();
     set_line_mode();
-    stop_by(SIGTSTP);
+    stop_as_asked();
     resume_key_mode();
     return;
   }
   const taken_screen screen(*winds);
   const auto terminal = take_terminal();
   screen.give_to_shell();
-  stop_by(SIGTSTP);
+  stop_as_asked();
   screen.take_from_shell(end_is_near);
 }
 

@@ -71,10 +71,15 @@ bool byte_is_waiting(int timeout_ms) {
   return poll(&waiting, 1, timeout_ms) > 0;
 }
 
+// A read that a signal has cut short, that found nothing because another program made the terminal
+// non-blocking, or that came while another job had the terminal (it may be ours again by now), is
+// not the end of the input. A terminal that has gone away has no foreground job either.
+bool may_read_again(int error) {
+  return error == EAGAIN || error == EINTR || (error == EIO && tcgetpgrp(STDIN_FILENO) >= 0);
+}
+
 // Waits for a byte and returns it, or EOF. While another job has the terminal, nothing is read;
-// when it comes back (fg), the shell has set its own modes again. A read that a signal has cut
-// short, that came when the terminal was just given away, or that found nothing because another
-// program made the terminal non-blocking, is not the end of the input.
+// when it comes back (fg), the shell has set its own modes again.
 int read_byte() {
   constexpr int look_ms = 1000;
   constexpr useconds_t background_look_us = 200000;
@@ -88,8 +93,7 @@ int read_byte() {
       continue;
     }
     const int input = getc(stdin);
-    const bool may_go_on = errno == EAGAIN || errno == EINTR || !terminal_is_ours();
-    if (input != EOF || !ferror(stdin) || !may_go_on) {
+    if (input != EOF || !ferror(stdin) || !may_read_again(errno)) {
       return input;
     }
     clearerr(stdin);

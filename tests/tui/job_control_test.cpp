@@ -37,6 +37,7 @@ class job : public running {
     if (!no_time) {
       expect_shell_whole("stopped");
     }
+    ASSERT_TRUE(wait_for([&] { return foreground() == pid; })) << output;
     const int end = below(6);
     SCOPED_TRACE("stopped " + std::string(no_time ? "by SIGSTOP" : "by Ctrl-Z") + ", end " +
                  std::to_string(end));
@@ -69,7 +70,10 @@ class job : public running {
       return full ? shown.full_screen && shown.bar_width(23) > 0
                   : output.find("Time: ", before) != std::string::npos;
     })) << how;
-    ASSERT_TRUE(wait_for([&] { return (modes().c_lflag & line_modes) == 0; })) << how;
+    // Reports are also written from the background.
+    ASSERT_TRUE(wait_for([&] {
+      return foreground() == child() && (modes().c_lflag & line_modes) == 0;
+    })) << how << ", " << state(child()) << ": " << output.substr(before);
   }
 
   // It runs commands in its own modes, on its own screen.
@@ -92,7 +96,8 @@ class job : public running {
     return first;
   }
   static char state(pid_t of) {
-    const std::string stat = read_file("/proc/" + std::to_string(of) + "/stat");
+    std::string stat;
+    std::getline(std::ifstream("/proc/" + std::to_string(of) + "/stat"), stat);  // it may end now
     const size_t name_end = stat.rfind(')');
     return name_end == std::string::npos ? 'X' : stat[name_end + 2];
   }

@@ -66,6 +66,7 @@ class running {
     tcgetattr(master, &now);
     return now;
   }
+  pid_t foreground() const { return tcgetpgrp(master); }
 
   std::string output;
   screen shown{rows, columns};
