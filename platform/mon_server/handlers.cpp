@@ -128,7 +128,9 @@ void handle_process_list(const std::vector<uint8_t>& payload, session_state& sta
     if (made.error < 0) {
       return reply(status_only(made.error));
     }
-    interval = made.over;
+    if (made.over.now) {
+      interval = made.over;
+    }
     state.listed = made.list->processes;
     reply({0, made.list->bytes});
   };
@@ -290,31 +292,15 @@ part_info unknown_partition(const std::string& path) {
   return part;
 }
 
-samplers::mount_table read_mounts() {
-  std::string text;
-  samplers::file_reader("").read("proc/self/mountinfo", text);
-  return samplers::mount_table(text);
-}
-
-// The mounts as they were half a second ago at most.
-std::shared_ptr<const samplers::mount_table> newest_mounts(machine_figures& figures) {
-  constexpr int64_t young_mounts_us = 500000;
-  const int64_t now_us = samplers::monotonic_us();
-  if (!figures.mounts || now_us - figures.mounts_us >= young_mounts_us) {
-    figures.mounts = std::make_shared<const samplers::mount_table>(read_mounts());
-    figures.mounts_us = now_us;
-  }
-  return figures.mounts;
-}
-
 // What a question to the mount of `device` gives: a record, and behind it where on another mount
 // the path leads if it does. One that was mounted over the path since the question was put, and may
 // be dead, is another as well.
-slow_reader::bytes read_on_mount(const std::string& device, std::string path) {
-  const samplers::mount_table mounts = read_mounts();
-  const auto is_elsewhere = [&] { return mounts.find(path).device != device; };
+slow_reader::bytes read_on_mount(samplers::current_mounts& current, const std::string& device,
+                                 std::string path) {
+  const auto mounts = current.get();
+  const auto is_elsewhere = [&] { return mounts->find(path).device != device; };
   part_info part = unknown_partition("");
-  const bool found = is_elsewhere() || samplers::follow_links(mounts, path) == 0;
+  const bool found = is_elsewhere() || samplers::follow_links(*mounts, path) == 0;
   const bool elsewhere = found && is_elsewhere();
   if (found && !elsewhere) {
     samplers::read_partition(path.c_str(), part);
@@ -345,11 +331,12 @@ void ask_partition(machine_figures& figures, const std::shared_ptr<partition_ans
   if (path.empty() || mounts_left == 0) {
     return finish_partition(*pending, index, nullptr);
   }
-  const std::string lane = newest_mounts(figures)->find(path).device;
-  const auto read = [lane, path] { return read_on_mount(lane, path); };
+  const std::string lane = figures.mounts->get()->find(path).device;
+  const auto read = [mounts = figures.mounts, lane, path] {
+    return read_on_mount(*mounts, lane, path);
+  };
   const auto take = [=, &figures](const std::shared_ptr<const slow_reader::bytes>& result) {
     if (result && result->size() > sizeof(part_info)) {
-      figures.mounts.reset();
       return ask_partition(figures, pending, index, young_us,
                            {result->begin() + sizeof(part_info), result->end()}, mounts_left - 1);
     }
@@ -457,6 +444,7 @@ machine_figures::machine_figures(asio::io_context& loop, const server_options& o
       commands(
           [machine = root](int32_t pid) { return samplers::read_command_line(*machine, pid); }),
       drivers(loop, slow_threads),
+      mounts(std::make_shared<samplers::current_mounts>()),
       partitions(loop, slow_threads) {}
 
 void handle_request(const message_header& request, const std::vector<uint8_t>& payload,

@@ -45,9 +45,8 @@ struct machine_figures {
   process_lists lists;
   command_lines commands;
   counters_owner counters;
-  slow_reader drivers;                                  // thermal, ION, BPU, VIO, zram
-  std::shared_ptr<const samplers::mount_table> mounts;  // as read last; null: never
-  int64_t mounts_us = 0;                                // monotonic, when that was
+  slow_reader drivers;                               // thermal, ION, BPU, VIO, zram
+  std::shared_ptr<samplers::current_mounts> mounts;  // shared with reads that may outlive this
   slow_reader partitions;  // apart from the drivers: dead mounts take none of their threads
 };
 

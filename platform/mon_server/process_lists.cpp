@@ -18,12 +18,19 @@
 #include "confinement.h"
 #include "memory_wait.h"
 #include "mon_records.h"
+#include "samplers/clock.h"
 #include "server_log.h"
 
 namespace {
 
 // Below the client's own time-out of 2 s.
 constexpr std::chrono::milliseconds longest_wait{1800};
+
+// A list that is not made by then is answered with the one before of its view and key. Where files
+// of /proc are read, ten thousand processes take half of that.
+constexpr std::chrono::milliseconds patience_with_bpf{30};
+constexpr std::chrono::milliseconds patience_without{150};
+constexpr int64_t most_old_us = 10 * 1000000LL;
 
 // A view's samples take a quarter of the thread's time at most, both views' a half.
 constexpr int64_t rest_after_sample = 3;
@@ -78,7 +85,7 @@ struct process_lists::maker : std::enable_shared_from_this<maker> {
     uint64_t number;
     request wanted;
   };
-  using receiver = std::function<void(uint64_t, const result&)>;
+  using receiver = std::function<void(uint64_t, const list_kind&, const result&)>;
 
   maker(std::shared_ptr<const samplers::file_reader> machine,
         const samplers::process_sampler_options& options)
@@ -86,7 +93,7 @@ struct process_lists::maker : std::enable_shared_from_this<maker> {
 
   // False when no thread can be had.
   bool add(job one) {
-    const std::lock_guard<std::mutex> guard(lock);
+    std::unique_lock<std::mutex> guard(lock);
     if (!started) {
       try {
         std::thread([self = shared_from_this()] { self->run(); }).detach();
@@ -96,6 +103,7 @@ struct process_lists::maker : std::enable_shared_from_this<maker> {
       started = true;
     }
     jobs.push_back(std::move(one));
+    guard.unlock();  // or the thread would wake only to wait for the lock
     work.notify_one();
     return true;
   }
@@ -138,11 +146,12 @@ struct process_lists::maker : std::enable_shared_from_this<maker> {
       job next = std::move(jobs.front());
       jobs.pop_front();
       guard.unlock();
+      const list_kind kind{next.wanted.threads, next.wanted.sort_key};
       const result made = try_to_make(std::move(next.wanted));
       when_memory_allows([&] {
         const std::lock_guard<std::mutex> hand_over_guard(lock);
         if (!stopped) {
-          hand_over(next.number, made);
+          hand_over(next.number, kind, made);
         }
       });
       guard.lock();
@@ -176,6 +185,7 @@ struct process_lists::maker : std::enable_shared_from_this<maker> {
       }
     }
     made.list = ranked.list(made.over, wanted.sort_key);
+    made.by_bpf = sampler.uses_bpf();
     return made;
   }
 
@@ -199,9 +209,11 @@ struct process_lists::maker : std::enable_shared_from_this<maker> {
 process_lists::process_lists(asio::io_context& event_loop,
                              std::shared_ptr<const samplers::file_reader> machine,
                              const samplers::process_sampler_options& options)
-    : loop(event_loop), thread(std::make_shared<maker>(std::move(machine), options)) {
-  thread->hand_over = [this](uint64_t number, const result& made) {
-    asio::post(loop, [this, number, made] { answer(number, made); });
+    : loop(event_loop),
+      thread(std::make_shared<maker>(std::move(machine), options)),
+      patience(patience_without) {
+  thread->hand_over = [this](uint64_t number, const list_kind& kind, const result& made) {
+    asio::post(loop, [this, number, kind, made] { take(number, kind, made); });
   };
 }
 
@@ -211,6 +223,7 @@ process_lists::~process_lists() {
 
 uint64_t process_lists::ask(request wanted, const reply& to_answer) {
   const uint64_t number = ++last_number;
+  const list_kind kind{wanted.threads, wanted.sort_key};
   if (!thread->add({number, std::move(wanted)})) {
     to_answer({-EAGAIN, {}, nullptr});
     return number;
@@ -218,20 +231,46 @@ uint64_t process_lists::ask(request wanted, const reply& to_answer) {
   if (!std::exchange(rights_dropped, true)) {
     drop_bpf_capabilities();  // the thread has its own
   }
-  waiter& waiting =
-      waiters.try_emplace(number, waiter{to_answer, asio::steady_timer(loop)}).first->second;
-  waiting.deadline.expires_after(longest_wait);
-  waiting.deadline.async_wait([this, number](const asio::error_code& error) {
-    if (!error) {
-      thread->remove(number);
-      answer(number, {-ETIMEDOUT, {}, nullptr});
-    }
-  });
+  waiters.try_emplace(number, waiter{kind, to_answer, asio::steady_timer(loop)});
+  wait_for(number, patience, [this, number] { answer_with_older(number); });
   return number;
 }
 
-// The first of result and deadline counts.
-void process_lists::answer(uint64_t number, const result& made) {
+// Calls `late` unless the request has been answered by then.
+void process_lists::wait_for(uint64_t number, std::chrono::milliseconds limit,
+                             const std::function<void()>& late) {
+  asio::steady_timer& deadline = waiters.at(number).deadline;
+  deadline.expires_after(limit);
+  deadline.async_wait([this, number, late](const asio::error_code& error) {
+    if (!error && waiters.count(number) > 0) {
+      late();
+    }
+  });
+}
+
+void process_lists::answer_with_older(uint64_t number) {
+  const auto older = made_last.find(waiters.at(number).kind);
+  if (older != made_last.end() && samplers::monotonic_us() - older->second.made_us < most_old_us) {
+    thread->remove(number);
+    settle(number, {0, {}, older->second.list});
+    return;
+  }
+  wait_for(number, longest_wait - patience, [this, number] {
+    thread->remove(number);
+    settle(number, {-ETIMEDOUT, {}, nullptr});
+  });
+}
+
+// Of a request that has been settled meanwhile the list still serves the next one.
+void process_lists::take(uint64_t number, const list_kind& kind, const result& made) {
+  if (made.error == 0) {
+    patience = made.by_bpf ? patience_with_bpf : patience_without;
+    made_last[kind] = {made.list, samplers::monotonic_us()};
+  }
+  settle(number, made);
+}
+
+void process_lists::settle(uint64_t number, const result& made) {
   const auto waiting = waiters.find(number);
   if (waiting != waiters.end()) {
     const reply to_answer = std::move(waiting->second.answer);
@@ -249,5 +288,6 @@ void process_lists::drop(uint64_t number) {
 }
 
 void process_lists::release() {
+  made_last.clear();
   thread->release();
 }

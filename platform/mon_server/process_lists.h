@@ -5,11 +5,13 @@
 
 #include <asio/io_context.hpp>
 #include <asio/steady_timer.hpp>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "samplers/file_reader.h"
@@ -24,8 +26,10 @@ struct process_list {
 };
 
 // Used on the event loop's thread only. One thread takes the samples and ranks them, a request
-// after the other. It does not read any sample that the event loop still refers to into again, and
-// the event loop looks into none. When the program ends the thread is left behind.
+// after the other. Where that takes long, an answer has the list before, some seconds old, and the
+// new one serves the next request. The thread does not read any sample that the event loop still
+// refers to into again, and the event loop looks into none. When the program ends the thread is
+// left behind.
 class process_lists {
  public:
   using interval = rate_interval<samplers::process_sample>;
@@ -37,8 +41,10 @@ class process_lists {
   };
   struct result {
     int error = 0;  // 0 or a negative errno: -ETIMEDOUT; then there is nothing else
-    interval over;  // ended with the sample that the list is of
+    interval
+        over;  // ended with the sample that the list is of; empty: an older list of any session
     std::shared_ptr<const process_list> list;
+    bool by_bpf = false;  // the sample was read by a BPF program
   };
   using reply = std::function<void(const result&)>;
 
@@ -59,18 +65,30 @@ class process_lists {
 
  private:
   struct maker;
+  using list_kind = std::pair<bool, int>;  // of threads, sort key
   struct waiter {
+    list_kind kind;
     reply answer;
     asio::steady_timer deadline;
   };
+  struct made_list {
+    std::shared_ptr<const process_list> list;
+    int64_t made_us;  // monotonic
+  };
 
-  void answer(uint64_t number, const result& made);
+  void wait_for(uint64_t number, std::chrono::milliseconds limit,
+                const std::function<void()>& late);
+  void answer_with_older(uint64_t number);
+  void take(uint64_t number, const list_kind& kind, const result& made);
+  void settle(uint64_t number, const result& made);
 
   asio::io_context& loop;
   const std::shared_ptr<maker> thread;
   bool rights_dropped = false;  // the event loop has no right left that only the thread needs
   uint64_t last_number = 0;
   std::map<uint64_t, waiter> waiters;  // by the request's number
+  std::map<list_kind, made_list> made_last;
+  std::chrono::milliseconds patience;
 };
 
 #endif

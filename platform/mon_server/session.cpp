@@ -15,6 +15,7 @@
 
 #include "held_samples.h"
 #include "samplers/clock.h"
+#include "samplers/room.h"
 
 namespace {
 
@@ -181,7 +182,7 @@ void session::send() {
                     [self = shared_from_this()](const asio::error_code& failed, size_t) {
                       if (!self->over(failed)) {
                         self->unread_us = 0;
-                        self->outgoing = {};
+                        samplers::empty_with_room(self->outgoing);
                         self->guard([&self] { self->take_next(); });
                       }
                     });
@@ -230,7 +231,7 @@ void session::end(const std::string& why) {
   ended = true;
   asio::error_code ignored;
   socket.close(ignored);
-  outgoing = {};
+  samplers::empty_with_room(outgoing);
   release_session(state, figures);
   const session_events tell = std::exchange(events, {});
   tell.ended();

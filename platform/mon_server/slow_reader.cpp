@@ -22,6 +22,8 @@ constexpr int64_t deadline_us = 1000000;
 // Drivers' locks are not taken more often than this, however many clients ask.
 constexpr int64_t least_young_us = 500000;
 constexpr int64_t most_young_us = 1000000;
+// Most machines lack some of what is asked for, and none gets it within a moment.
+constexpr int64_t nothing_young_us = 3 * 1000000LL;
 // A result that came after the deadline answers the next question, if that comes in time.
 constexpr int64_t late_us = 10 * 1000000LL;
 // Keys come from clients, 64 of them with up to 16 paths each at a time; more are not kept.
@@ -58,12 +60,13 @@ struct slow_reader::thread_pool : std::enable_shared_from_this<thread_pool> {
 
   // False when there is no thread for it and none can be had.
   bool add(task new_task) {
-    const std::lock_guard<std::mutex> guard(lock);
+    std::unique_lock<std::mutex> guard(lock);
     tasks.push_back(std::move(new_task));
     if (idle < tasks.size() && threads < most_threads && !add_thread() && threads == 0) {
       tasks.pop_back();
       return false;
     }
+    guard.unlock();  // or the thread would wake only to wait for the lock
     work.notify_one();
     return true;
   }
@@ -123,6 +126,10 @@ slow_reader::slow_reader(asio::io_context& event_loop, size_t threads)
   pool->most_threads = threads;
 }
 
+int64_t slow_reader::least_kept_us(const entry& slot) {
+  return slot.result && slot.result->empty() ? nothing_young_us : least_young_us;
+}
+
 slow_reader::~slow_reader() {
   pool->stop();
 }
@@ -133,7 +140,7 @@ void slow_reader::ask(const place& where, int64_t young_us, const job& read, con
   const auto known = entries.find(where.key);
   if (known != entries.end() && known->second.result) {
     entry& slot = known->second;
-    if (slot.not_seen || now_us - slot.ended_us < std::max(young_us, least_young_us)) {
+    if (slot.not_seen || now_us - slot.ended_us < std::max(young_us, least_kept_us(slot))) {
       slot.not_seen = false;
       answer(slot.result);
       return;
@@ -267,7 +274,8 @@ void slow_reader::ended(const std::string& key, const std::string& lane, bytes r
 void slow_reader::forget_old() {
   const int64_t now_us = samplers::monotonic_us();
   for (auto one = entries.begin(); one != entries.end();) {
-    const int64_t kept_us = one->second.not_seen ? late_us : most_young_us;
+    const int64_t kept_us =
+        one->second.not_seen ? late_us : std::max(most_young_us, least_kept_us(one->second));
     const bool old = !one->second.under_way && now_us - one->second.ended_us >= kept_us;
     one = old ? entries.erase(one) : std::next(one);
   }

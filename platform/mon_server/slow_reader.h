@@ -36,7 +36,8 @@ class slow_reader {
   };
 
   // Answers with the result of the read at `where`: of one that ended less than `young_us` ago
-  // (half a second at least, a second at most), of the one that is under way, or of `read`.
+  // (half a second at least, a second at most; three if it is empty), of the one that is under way,
+  // or of `read`.
   void ask(const place& where, int64_t young_us, const job& read, const reply& answer);
 
  private:
@@ -56,6 +57,7 @@ class slow_reader {
   };
   struct thread_pool;
 
+  static int64_t least_kept_us(const entry& slot);
   bool add_question(const place& where, const job& read);
   void start_questions();
   bool start(const question& next);

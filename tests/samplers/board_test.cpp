@@ -1,7 +1,11 @@
 #include "samplers/board.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "sampler_test.h"
 #include "samplers/ion.h"
@@ -123,6 +127,35 @@ TEST(mounts, of_paths_are_told_without_touching_them) {
     EXPECT_EQ(samplers::normal_path(row.path), row.normal);
     EXPECT_EQ(mounts.find(row.normal).device, row.device) << row.path;
   }
+}
+
+// In a process with mounts of its own, which nobody else sees.
+TEST(mounts, a_change_is_seen_at_once) {
+  const temporary_folder tree;
+  const std::string path = std::filesystem::canonical(tree.path);
+  constexpr int no_right = 77;
+  const pid_t pid = fork();
+  if (pid == 0) {
+    if (unshare(CLONE_NEWNS) != 0 || mount("", "/", "", MS_REC | MS_PRIVATE, nullptr) != 0) {
+      _exit(no_right);
+    }
+    current_mounts mounts;
+    const auto device = [&] { return mounts.get()->find(path).device; };
+    const auto at_first = mounts.get();
+    const std::string before = device();
+    bool good = mounts.get() == at_first;  // nothing has changed: not read again
+    for (int i = 0; i < 3; ++i) {
+      good = good && mount("", path.c_str(), "tmpfs", 0, nullptr) == 0 && device() != before &&
+             umount(path.c_str()) == 0 && device() == before;
+    }
+    _exit(good ? 0 : 1);
+  }
+  int status = -1;
+  waitpid(pid, &status, 0);
+  if (WEXITSTATUS(status) == no_right) {
+    GTEST_SKIP() << "only root may mount";
+  }
+  EXPECT_EQ(status, 0);
 }
 
 // Links are followed up to where another mount begins, and no further: it may be dead.

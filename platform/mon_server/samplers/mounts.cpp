@@ -1,6 +1,8 @@
 #include "samplers/mounts.h"
 
+#include <fcntl.h>
 #include <limits.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -24,6 +26,17 @@ std::string unescape(std::string_view text) {
     i += escaped ? 3 : 0;
   }
   return plain;
+}
+
+// From its beginning; empty when it cannot be read.
+std::string read_whole(int file) {
+  std::string text;
+  char piece[4096];
+  ssize_t size = 0;
+  while ((size = pread(file, piece, sizeof piece, static_cast<off_t>(text.size()))) > 0) {
+    text.append(piece, static_cast<size_t>(size));
+  }
+  return text;
 }
 
 bool lies_below(std::string_view path, std::string_view point) {
@@ -57,6 +70,20 @@ const mount_entry& mount_table::find(std::string_view path) const {
     }
   }
   return *found;
+}
+
+std::shared_ptr<const mount_table> current_mounts::get() {
+  const std::lock_guard<std::mutex> guard(lock);
+  if (!mountinfo) {
+    mountinfo = file_descriptor(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
+    table.reset();
+  }
+  pollfd change{mountinfo.get(), POLLPRI, 0};
+  // What is asked here is not told again: a change while the file is read is told by the next call.
+  if (poll(&change, 1, 0) != 0 || !table) {
+    table = std::make_shared<const mount_table>(read_whole(mountinfo.get()));
+  }
+  return table;
 }
 
 std::string normal_path(std::string_view path) {

@@ -2,9 +2,13 @@
 #ifndef SAMPLERS_MOUNTS_H
 #define SAMPLERS_MOUNTS_H
 
+#include <memory>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "samplers/file_descriptor.h"
 
 namespace samplers {
 
@@ -24,6 +28,19 @@ class mount_table {
 
  private:
   std::vector<mount_entry> mounts;
+};
+
+// The mounts of this process as they are now. May be used by several threads at once.
+class current_mounts {
+ public:
+  // Reads them again only when the kernel says that something was mounted or unmounted (proc(5):
+  // poll(2) of /proc/pid/mountinfo), or when no descriptor can be had to ask it by.
+  std::shared_ptr<const mount_table> get();
+
+ private:
+  std::mutex lock;  // guards what follows
+  file_descriptor mountinfo;
+  std::shared_ptr<const mount_table> table;
 };
 
 // The path without "//", "." and "..", which are taken by the text alone. Empty for a relative one.

@@ -11,6 +11,8 @@
 #include <string_view>
 #include <utility>
 
+#include "samplers/room.h"
+
 namespace samplers {
 namespace {
 
@@ -131,6 +133,10 @@ int process_files::read_listed(const std::vector<int32_t>& listed) {
   }
   std::swap(kept, next);
   next.clear();
+  if (is_too_large(next.capacity(), kept.size())) {
+    empty_with_room(next);
+    give_room_back(kept);
+  }
   return result;
 }
 

@@ -229,7 +229,8 @@ void process_net::forget_gone_sockets() {
 
 // A process that began after the dump may have sockets that are not in it.
 bool process_net::is_known(const process_sample& sample, const process_entry& entry) const {
-  const process_entry* process = find_process(sample, sample.process_of(entry));
+  const process_entry* process =
+      sample.threads ? find_process(sample, sample.process_of(entry)) : &entry;
   return is_counted(entry) && process != nullptr && process->start_ticks <= dumped_ticks &&
          (missing == 0 || carried.has(*process) || walk.has_seen(*process));
 }

@@ -86,14 +86,21 @@ int process_sampler::read_tasks(process_sample& sample) {
     entries_of_tasks.make_processes(tasks, sample.entries, left_out);
   }
   if (tasks.size() > most_tasks_kept) {
-    tasks = {};
+    empty_with_room(tasks);
   }
   sort_entries(sample);
   find_hidden(files, sample);
   left_out.insert(left_out.end(), hidden.begin(), hidden.end());
   std::sort(left_out.begin(), left_out.end());
   left_out.erase(std::unique(left_out.begin(), left_out.end()), left_out.end());
-  return files.read_some(*reader, left_out, sample.entries);
+  const auto read_by_program = static_cast<std::ptrdiff_t>(sample.entries.size());
+  const int files_result = files.read_some(*reader, left_out, sample.entries);
+  // A few behind many in order, which sorting all of them would take long to bring in.
+  std::vector<process_entry>& entries = sample.entries;
+  std::sort(entries.begin() + read_by_program, entries.end(), by_pid_and_start);
+  std::inplace_merge(entries.begin(), entries.begin() + read_by_program, entries.end(),
+                     by_pid_and_start);
+  return files_result;
 }
 
 // A security module may keep processes from the program that /proc shows. Listing /proc takes

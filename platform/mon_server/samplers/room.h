@@ -13,6 +13,12 @@ inline bool is_too_large(size_t room, size_t used) {
   return room > few + 4 * used;
 }
 
+// Assigning {} would keep the room.
+template <class record>
+void empty_with_room(std::vector<record>& records) {
+  std::vector<record>().swap(records);
+}
+
 // True when it had any to give back.
 template <class record>
 bool give_room_back(std::vector<record>& records) {

@@ -358,6 +358,7 @@ int task_iterator::read(std::vector<task_record>& tasks) {
     return -errno;
   }
   constexpr size_t records_a_read = 512;
+  tasks.reserve(records_before + 2 * records_a_read);  // growing takes twice the room for a while
   size_t bytes = 0;
   for (;;) {
     tasks.resize(bytes / sizeof(task_record) + records_a_read);
@@ -369,6 +370,7 @@ int task_iterator::read(std::vector<task_record>& tasks) {
     }
     if (size <= 0) {
       tasks.resize(bytes / sizeof(task_record));
+      records_before = tasks.size();
       return size == 0 ? 0 : -errno;
     }
     bytes += static_cast<size_t>(size);
@@ -378,6 +380,7 @@ int task_iterator::read(std::vector<task_record>& tasks) {
 void task_entries::make_threads(const std::vector<task_record>& tasks,
                                 std::vector<process_entry>& entries) const {
   entries.clear();
+  entries.reserve(tasks.size());
   for (const task_record& task : tasks) {
     entries.push_back(entry_of(task, units));
     entries.back().ppid = task.tgid;

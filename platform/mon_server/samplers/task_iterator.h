@@ -51,6 +51,7 @@ class task_iterator {
 
  private:
   file_descriptor link;
+  size_t records_before = 0;  // in the pass before
 };
 
 // Records of one pass as processes or as threads, by ascending id. Keeps the memory it works in.
