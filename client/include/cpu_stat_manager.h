@@ -63,8 +63,10 @@ class cpu_stat_manager : public ns_req_template::request_handler {
   // have one, by process id, as they may be shown. The server tells each once a connection: only
   // one cpu_stat_manager of a connection may list processes.
   std::unordered_map<int32_t, std::string> command_lines;
+  std::vector<int32_t> command_lines_told;  // processes of the list that they were asked for last
   uint32_t command_lines_of = 0;     // the connection that they are of, as client_comm counts them
   bool command_lines_asked = false;  // whether its server is asked for them
+  int lists_to_pass = 0;             // before they are asked for again
 };
 
 #endif

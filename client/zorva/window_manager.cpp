@@ -126,14 +126,17 @@ void windows_manager::mend_screen() {
   bool wrong = std::exchange(paint_anew, false);
   // While the counters are being switched, their panel may be there before or after the setting.
   const bool perf = manager.enable_perf || windows.count("perf") > 0;
-  const auto places = default_layout(width, height, perf);
+  if (const layout_key wanted{width, height, perf}; wanted != mended_for) {
+    mended_for = wanted;
+    places = default_layout(width, height, perf);
+  }
   for (const auto& [name, panel] : windows) {
     const auto place = places.find(name);
     if (place != places.end() && put_in_place(*panel, place->second)) {
       wrong = true;
     }
   }
-  wrong = register_missing(places) || wrong;
+  wrong = register_missing() || wrong;
   if (wrong) {
     paint_all_anew();
   }
@@ -157,7 +160,7 @@ bool windows_manager::put_in_place(window_info& panel, const position& place) {
 }
 
 // True when a panel was registered. None is while the program exits: its threads are being joined.
-bool windows_manager::register_missing(const std::unordered_map<std::string, position>& places) {
+bool windows_manager::register_missing() {
   bool registered = false;
   for (const auto& [name, place] : places) {
     const auto how = registrations.find(name);

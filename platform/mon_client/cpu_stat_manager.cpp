@@ -18,6 +18,9 @@ constexpr size_t most_cpus = 1025;  // the total and 1,024 CPUs
 // cost the connection, and the rates with it.
 constexpr int least_left_ms = 500;
 
+// While no process is new to the list, command lines are asked for again after so many lists.
+constexpr int lists_between_looks = 4;
+
 // The process list has a head before its records.
 bool decode_process_list(const std::vector<uint8_t>& payload, int& total,
                          std::vector<pid_msg>& list) {
@@ -119,11 +122,16 @@ void cpu_stat_manager::update_command_lines(client_comm& comm,
                                             const std::vector<int32_t>& processes) {
   if (std::exchange(command_lines_of, comm.connections) != comm.connections) {
     command_lines.clear();
+    command_lines_told.clear();
     command_lines_asked = true;
   }
-  if (!command_lines_asked || comm.left_ms() < least_left_ms) {
+  const bool all_told = std::includes(command_lines_told.begin(), command_lines_told.end(),
+                                      processes.begin(), processes.end());
+  if (!command_lines_asked || comm.left_ms() < least_left_ms || (all_told && lists_to_pass > 0)) {
+    lists_to_pass -= lists_to_pass > 0 ? 1 : 0;
     return;
   }
+  lists_to_pass = all_told ? lists_between_looks : 0;  // a new one's line comes a list later
   std::vector<process_command> changed;
   if (requests::ask_records(comm, cpu_request(mon_protocol::cpu_command_lines), max_pid_msgs,
                             changed) < 0) {
@@ -131,6 +139,7 @@ void cpu_stat_manager::update_command_lines(client_comm& comm,
     command_lines_asked = false;
     return;
   }
+  command_lines_told = processes;
   const auto is_listed = [&processes](int32_t pid) {
     return std::binary_search(processes.begin(), processes.end(), pid);
   };
@@ -191,6 +200,7 @@ int cpu_stat_manager::get_perf_data(std::ostream* os) {
 int cpu_stat_manager::cpu_mon_exit() {
   return requests::ask(*this, mon_protocol::cpu_exit, nullptr, 0, [this](client_comm&) {
     command_lines.clear();  // the server tells them anew
+    command_lines_told.clear();
     return 0;
   });
 }

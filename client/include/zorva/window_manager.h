@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <tuple>
 #include <unordered_map>
 
 #include "zorva/panel.h"
@@ -76,11 +77,14 @@ class windows_manager {
   };
 
   static bool put_in_place(window_info& panel, const position& place);
-  bool register_missing(const std::unordered_map<std::string, position>& places);
+  bool register_missing();
   void start(const std::shared_ptr<window_info>& panel, worker function);
   void paint_all_anew();
 
   // Guarded by `lock`.
+  using layout_key = std::tuple<int, int, bool>;                // width, height, with the counters
+  layout_key mended_for{-1, -1, false};                         // what `places` are for
+  std::unordered_map<std::string, position> places;             // of the panels, by name
   bool paint_anew = false;                                      // the next frame paints everything
   std::unordered_map<std::string, registration> registrations;  // by panel name
 };
