@@ -13,7 +13,7 @@ struct session_state;
 // All clients together cause so much to be held at most, beside the two newest samples of each
 // kind, which one client needs. What is not samples is bounded for each connection: a request, its
 // payload, an answer, and 16 KiB of what the session knows of processes.
-constexpr size_t most_held = 16 << 20;
+constexpr size_t most_held = 12 << 20;
 constexpr size_t most_held_by_connection =
     2 * (mon_protocol::header_size + mon_protocol::max_request_payload) +
     (mon_protocol::header_size + mon_protocol::max_answer_payload) + 16 * 1024;
