@@ -73,8 +73,11 @@ class process_lists {
   };
   struct made_list {
     std::shared_ptr<const process_list> list;
-    int64_t made_us;  // monotonic
+    int64_t made_us;                                            // monotonic
+    std::weak_ptr<const samplers::process_sample> before, now;  // that it is of
   };
+
+  bool answer_at_once(const list_kind& kind, interval& over, const reply& to_answer) const;
 
   void wait_for(uint64_t number, std::chrono::milliseconds limit,
                 const std::function<void()>& late);
