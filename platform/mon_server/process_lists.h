@@ -41,8 +41,7 @@ class process_lists {
   };
   struct result {
     int error = 0;  // 0 or a negative errno: -ETIMEDOUT; then there is nothing else
-    interval
-        over;  // ended with the sample that the list is of; empty: an older list of any session
+    interval over;  // ended with the sample that the list is of; empty: it is an older list
     std::shared_ptr<const process_list> list;
     bool by_bpf = false;  // the sample was read by a BPF program
   };

@@ -73,7 +73,8 @@ class job : public running {
     // Reports are also written from the background.
     ASSERT_TRUE(wait_for([&] {
       return foreground() == child() && (modes().c_lflag & line_modes) == 0;
-    })) << how << ", " << state(child()) << ": " << output.substr(before);
+    })) << how
+        << ", " << state(child()) << ": " << output.substr(before);
   }
 
   // It runs commands in its own modes, on its own screen.
