@@ -79,8 +79,12 @@ std::shared_ptr<const mount_table> current_mounts::get() {
     table.reset();
   }
   pollfd change{mountinfo.get(), POLLPRI, 0};
-  // What is asked here is not told again: a change while the file is read is told by the next call.
-  if (poll(&change, 1, 0) != 0 || !table) {
+  // The kernel tells a change once: the old table goes before anything can fail. One that comes
+  // while the file is read is told by the next call.
+  if (poll(&change, 1, 0) != 0) {
+    table.reset();
+  }
+  if (!table) {
     table = std::make_shared<const mount_table>(read_whole(mountinfo.get()));
   }
   return table;
