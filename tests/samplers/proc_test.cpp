@@ -31,15 +31,28 @@ TEST(cpu, shares_are_of_the_interval_and_do_not_count_guests_twice) {
   EXPECT_EQ(rows(cpu_rates(&now, now), show), "- - - - - - - - -\n");
 }
 
-TEST(cpu, counters_that_go_back_and_cpus_that_come_online) {
-  const cpu_sample before =
-      sample_of("cpu  100 0 0 500 50 0 0 0\ncpu0 50 0 0 250 25 0 0 0\ncpu1 50 0 0 250 25 0 0 0\n");
-  // cpu0's idle and iowait went back, cpu1's user did, cpu2 is new.
+TEST(cpu, total_is_over_the_cpus_that_both_samples_have) {
+  const cpu_sample before = sample_of(
+      "cpu  100 0 0 700 50 0 0 0\ncpu0 50 0 0 250 25 0 0 0\ncpu1 50 0 0 250 25 0 0 0\n"
+      "cpu4 0 0 0 200 0 0 0 0\n");
+  // cpu0's idle went back by a tick, cpu1's user did, cpu2 is back with the idle time of an hour,
+  // cpu4 has gone.
   const cpu_sample now = sample_of(
-      "cpu  140 0 0 560 50 0 0 0\ncpu0 80 0 10 249 24 0 0 0\ncpu1 49 0 0 350 25 0 0 0\n"
-      "cpu2 100 0 0 200 0 0 0 0\n");
+      "cpu  140 0 0 360560 50 0 0 0\ncpu0 80 0 10 249 24 0 0 0\ncpu1 49 0 0 350 25 0 0 0\n"
+      "cpu2 100 0 0 360000 0 0 0 0\n");
   EXPECT_EQ(rows(cpu_rates(&before, now), show),
-            "- 40 0 0 60 0 0 0 0\n0 75 0 25 0 0 0 0 0\n1 - - - - - - - -\n2 - - - - - - - -\n");
+            "- 75 0 25 0 0 0 0 0\n0 75 0 25 0 0 0 0 0\n1 - - - - - - - -\n2 - - - - - - - -\n");
+}
+
+TEST(cpu, idle_and_waiting_time_that_go_back) {
+  const cpu_sample before = sample_of("cpu  0 0 0 5000 400\ncpu0 0 0 0 5000 400\n");
+  // What had been idle is waiting now: of the 100 ticks none was idle.
+  const cpu_sample waits = sample_of("cpu  0 0 0 4900 600\ncpu0 0 0 0 4900 600\n");
+  EXPECT_EQ(show(cpu_rates(&before, waits)[1]), "0 0 0 0 0 100 0 0 0\n");
+  EXPECT_EQ(show(cpu_rates(&waits, before)[1]), "0 - - - - - - - -\n");  // less than no time
+  // Offline and online again in between: it counts from 0, though it was busier than it had been.
+  const cpu_sample anew = sample_of("cpu  90 0 0 20 0\ncpu0 90 0 0 20 0\n");
+  EXPECT_EQ(rows(cpu_rates(&before, anew), show), "- - - - - - - - -\n0 - - - - - - - -\n");
 }
 
 TEST(cpu, lines_that_are_cut_short_are_left_out) {

@@ -122,16 +122,17 @@ TEST(read_processes, those_that_vanish_are_left_out_and_refused_io_is_unknown) {
 }
 
 TEST(top_processes, rates_between_samples) {
-  const process_sample before =
-      sample_of(1000000, {entry_of(10, 5, 100, 1024), entry_of(11, 5, 900),
-                          entry_of(12, 5, 500, 9000), entry_of(15, 5, 7)});
+  process_sample before = sample_of(1000000, {entry_of(10, 5, 100, 1024), entry_of(11, 5, 900),
+                                              entry_of(12, 5, 500, 9000), entry_of(15, 5, 7)});
+  before.uptime_ticks = 77;
   const process_sample now =
       sample_of(3000000, {entry_of(10, 5, 200, 5120),    // 100 ticks in 2 s: 50 %, 4 KiB in 2 s
                           entry_of(11, 77, 20),          // the pid's next owner: 20 ticks in 2 s
                           entry_of(12, 5, 480, 11048),   // CPU time went back
-                          entry_of(13, 99, 60, 2048)});  // new
+                          entry_of(13, 99, 60, 2048),    // new
+                          entry_of(14, 76, 70, 4096)});  // older, and could not be read before
   EXPECT_EQ(rows(top(&before, now, sort_by_cpu), pid_and_rates),
-            "10 50 2 -\n13 30 1 -\n11 10 - -\n12 - 1 -\n");
+            "10 50 2 -\n13 30 1 -\n11 10 - -\n12 - 1 -\n14 - - -\n");
 }
 
 // The kernel adds a child's whole IO to whoever waited for it; KiB in what follows.

@@ -187,22 +187,32 @@ bool counter_set::read_group(const open_group& group, group_reading& reading) {
   return true;
 }
 
-int counter_set::read(counter_reading& reading) {
+// False when a group has ended: its CPU has been offline, even if it is back by now.
+bool counter_set::read_groups(counter_reading& reading) {
+  bool all_count = true;
   reading.groups.clear();
-  if (reader.read_line(online_path) != online_cpus) {
-    const int error = open();
-    if (error != 0) {
-      return error;
-    }
-  }
   reading.opened_us = opened_us;
   reading.time_us = monotonic_us();
-  for (const open_group& group : groups) {
+  for (open_group& group : groups) {
     group_reading counts;
     counts.count = group.count;
     std::copy(std::begin(group.counters), std::end(group.counters), counts.counters);
     counts.valid = read_group(group, counts);
+    all_count = all_count && counts.valid && counts.enabled_ns > group.enabled_ns;
+    group.enabled_ns = counts.enabled_ns;
     reading.groups.push_back(counts);
+  }
+  return all_count;
+}
+
+int counter_set::read(counter_reading& reading) {
+  const bool same_cpus = reader.read_line(online_path) == online_cpus;
+  if (!same_cpus || !read_groups(reading)) {
+    const int error = open();
+    if (error != 0) {
+      return error;
+    }
+    read_groups(reading);
   }
   return groups.empty() ? -ENODEV : 0;
 }

@@ -50,7 +50,8 @@ class counter_set {
   // Some counters are left out for want of descriptors.
   bool lacks_descriptors = false;
 
-  // Opens anew when CPUs have come or gone, since the events of a CPU that goes end with it.
+  // Opens anew when a CPU has come or gone, or gone and come back, since the events of a CPU that
+  // goes end with it.
   int read(counter_reading& reading);
 
  private:
@@ -59,12 +60,14 @@ class counter_set {
     int count = 0;
     counter_member counters[max_group_events] = {};
     file_descriptor events[max_group_events];
+    uint64_t enabled_ns = 0;  // as last read
   };
 
   int open_on_all(size_t most_events);
   int open_cpu(const std::vector<pmu>& pmus, int32_t cpu, size_t most_events);
   static int open_event(const planned_event& event, int32_t cpu, open_group& group);
   static bool read_group(const open_group& group, group_reading& reading);
+  bool read_groups(counter_reading& reading);
 
   const file_reader& reader;
   int64_t opened_us = 0;

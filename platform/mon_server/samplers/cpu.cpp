@@ -57,26 +57,46 @@ uint32_t read_frequency(const file_reader& machine, int32_t cpu) {
   return khz < unknown_u32 ? static_cast<uint32_t>(khz) : unknown_u32;
 }
 
-// The time between two lines of one CPU; false when a counter went down that never should.
+constexpr uint64_t cpu_times::*counters[] = {
+    &cpu_times::user,   &cpu_times::nice, &cpu_times::system,  &cpu_times::idle,
+    &cpu_times::iowait, &cpu_times::irq,  &cpu_times::softirq, &cpu_times::steal};
+
+// idle and iowait may go down, says proc_stat(5): the kernel moves time from one to the other.
+// Their sum goes down by rounding at most. A CPU that came back may begin again at 0, which is a
+// lot more.
+bool idle_time_between(const cpu_times& before, const cpu_times& now, cpu_times& spent) {
+  constexpr int64_t rounding_ticks = 100;
+  const auto idle = static_cast<int64_t>(now.idle - before.idle);
+  const auto iowait = static_cast<int64_t>(now.iowait - before.iowait);
+  const int64_t both = std::max<int64_t>(idle + iowait, 0);
+  spent.idle = static_cast<uint64_t>(std::clamp<int64_t>(idle, 0, both));
+  spent.iowait = static_cast<uint64_t>(both) - spent.idle;
+  return idle + iowait >= -rounding_ticks;
+}
+
+// The time between two lines of one CPU. False when its counters began anew.
 bool time_between(const cpu_times& before, const cpu_times& now, cpu_times& spent) {
-  constexpr uint64_t cpu_times::*counters[] = {&cpu_times::user,    &cpu_times::nice,
-                                               &cpu_times::system,  &cpu_times::irq,
-                                               &cpu_times::softirq, &cpu_times::steal};
   for (const auto counter : counters) {
-    if (now.*counter < before.*counter) {
+    const bool may_decrease = counter == &cpu_times::idle || counter == &cpu_times::iowait;
+    if (!may_decrease && now.*counter < before.*counter) {
       return false;
     }
     spent.*counter = now.*counter - before.*counter;
   }
-  // These two may decrease, says proc_stat(5); that is no time and no fault.
-  spent.idle = now.idle - std::min(before.idle, now.idle);
-  spent.iowait = now.iowait - std::min(before.iowait, now.iowait);
-  return true;
+  return idle_time_between(before, now, spent);
+}
+
+void add(cpu_times& sum, const cpu_times& spent) {
+  for (const auto counter : counters) {
+    sum.*counter += spent.*counter;
+  }
 }
 
 cpu_usage shares(const cpu_times& now, const cpu_times& spent) {
-  const uint64_t total = spent.user + spent.nice + spent.system + spent.idle + spent.iowait +
-                         spent.irq + spent.softirq + spent.steal;
+  uint64_t total = 0;
+  for (const auto counter : counters) {
+    total += spent.*counter;
+  }
   const auto share = [total](uint64_t ticks) {
     return total == 0 ? unknown_share
                       : static_cast<float>(100.0 * static_cast<double>(ticks) /
@@ -94,6 +114,17 @@ cpu_usage shares(const cpu_times& now, const cpu_times& spent) {
   usage.softirq = share(spent.softirq);
   usage.steal = share(spent.steal);
   return usage;
+}
+
+// The same CPUs when they had done nothing.
+std::vector<cpu_times> at_boot(const std::vector<cpu_times>& cpus) {
+  std::vector<cpu_times> zeros(cpus.size());
+  std::transform(cpus.begin(), cpus.end(), zeros.begin(), [](const cpu_times& now) {
+    cpu_times zero;
+    zero.cpu = now.cpu;
+    return zero;
+  });
+  return zeros;
 }
 
 }  // namespace
@@ -139,27 +170,35 @@ int read_cpu_sample(const file_reader& machine, cpu_sample& sample) {
   return 0;
 }
 
+// The kernel's total has all CPUs, and in one step the idle time of a CPU's whole absence when it
+// comes back. So it is taken only when both samples have the same CPUs, else their sum.
 std::vector<cpu_usage> cpu_rates(const cpu_sample* before, const cpu_sample& now) {
-  std::vector<cpu_usage> usages;
-  usages.reserve(now.cpus.size());
-  size_t position = 0;  // in before->cpus: both ascend
-  for (const cpu_times& times : now.cpus) {
-    cpu_times start;
-    start.cpu = times.cpu;
-    if (before != nullptr) {
-      while (position < before->cpus.size() && before->cpus[position].cpu < times.cpu) {
-        ++position;
-      }
-      // A CPU that is not in `before` starts at its own figures: no time, hence unknown.
-      const bool found = position < before->cpus.size() && before->cpus[position].cpu == times.cpu;
-      start = found ? before->cpus[position] : times;
-    }
-    cpu_times spent;
-    if (!time_between(start, times, spent)) {
-      spent = cpu_times();
-    }
-    usages.push_back(shares(times, spent));
+  if (now.cpus.empty()) {
+    return {};
   }
+  const std::vector<cpu_times> zeros =
+      before == nullptr ? at_boot(now.cpus) : std::vector<cpu_times>();
+  const std::vector<cpu_times>& old = before == nullptr ? zeros : before->cpus;
+  std::vector<cpu_usage> usages(1);
+  usages.reserve(now.cpus.size());
+  cpu_times sum;
+  bool same_cpus = old.size() == now.cpus.size();
+  auto start = old.begin();  // both ascend
+  for (auto times = now.cpus.begin() + 1; times != now.cpus.end(); ++times) {
+    start = std::find_if(start, old.end(),
+                         [times](const cpu_times& one) { return one.cpu >= times->cpu; });
+    const bool found = start != old.end() && start->cpu == times->cpu;
+    cpu_times spent;
+    if (!found || !time_between(*start, *times, spent)) {
+      spent = cpu_times();
+      same_cpus = false;
+    }
+    add(sum, spent);
+    usages.push_back(shares(*times, spent));
+  }
+  cpu_times total;
+  same_cpus = same_cpus && time_between(old.front(), now.cpus.front(), total);
+  usages.front() = shares(now.cpus.front(), same_cpus ? total : sum);
   return usages;
 }
 

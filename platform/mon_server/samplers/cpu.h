@@ -37,7 +37,8 @@ void parse_task_counts(std::string_view text, cpu_sample& sample);
 int read_cpu_sample(const file_reader& machine, cpu_sample& sample);
 
 // Shares of the time between two samples, or since boot without `before`. A CPU that came online in
-// between, whose counters went down or that no time passed on is unknown.
+// between, whose counters went down or that no time passed on is unknown; the total is over the
+// others.
 std::vector<cpu_usage> cpu_rates(const cpu_sample* before, const cpu_sample& now);
 
 }  // namespace samplers

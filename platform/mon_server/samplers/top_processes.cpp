@@ -84,7 +84,8 @@ process_ranking::rated_process process_ranking::rate_over(const interval& over,
 }
 
 // Walks two samples in step; both are sorted by (pid, start_ticks). A pid with another start is
-// another process, and one that is new counts from 0.
+// another process. One that started after `before` counts from 0. One that is older and yet not in
+// `before`, since it could not be read then, has no known start.
 void process_ranking::rate_all(const process_sample* before, const process_sample& now,
                                int sort_key) {
   rated.clear();
@@ -110,6 +111,8 @@ void process_ranking::rate_all(const process_sample* before, const process_sampl
         const process_entry& start = old[position];
         over = {start.cpu_ns, start.io_bytes, start.net_bytes, start.bpu_ns, 0, 0};
         over.io_bytes += inherited.of(start);
+      } else if (entry.start_ticks < before->uptime_ticks) {
+        over = {unknown_u64, unknown_u64, unknown_u64, unknown_u64, 0, 0};
       }
       over.seconds = static_cast<double>(now.time_us - before->time_us) / 1e6;
       over.net_seconds = static_cast<double>(now.net_time_us - before->net_time_us) / 1e6;
