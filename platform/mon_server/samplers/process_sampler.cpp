@@ -57,7 +57,7 @@ int process_sampler::read(bool threads, int64_t net_young_us, process_sample& sa
 int process_sampler::read_entries(process_sample& sample) {
   if (!std::exchange(iterator_tried, true) && options.use_bpf && reader->own_machine) {
     iterator = std::make_unique<task_iterator>();
-    iterator_error = spare_descriptors() > 0 ? iterator->open() : -EMFILE;
+    iterator_error = spare_descriptors() > 0 ? iterator->open(iterator_said) : -EMFILE;
     if (iterator_error != 0) {
       iterator.reset();
     }
@@ -70,7 +70,11 @@ std::string process_sampler::way() const {
     return "processes are read by a BPF program";
   }
   const std::string files = "processes are read from files of /proc";
-  return iterator_error == 0 ? files : files + ", not by BPF: " + strerror(-iterator_error);
+  if (iterator_error == 0) {
+    return files;
+  }
+  const std::string why = files + ", not by BPF: " + strerror(-iterator_error);
+  return iterator_said.empty() ? why : why + " (" + iterator_said + ")";
 }
 
 int process_sampler::read_tasks(process_sample& sample) {

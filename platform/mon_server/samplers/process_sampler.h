@@ -14,6 +14,7 @@
 #include "samplers/process_files.h"
 #include "samplers/process_net.h"
 #include "samplers/processes.h"
+#include "samplers/task_entries.h"
 #include "samplers/task_iterator.h"
 
 namespace samplers {
@@ -54,6 +55,7 @@ class process_sampler {
   int64_t threads_read_us = 0;
   bool iterator_tried = false;
   int iterator_error = 0;                   // why it is not to be had, a negative errno
+  std::string iterator_said;                // the kernel's own words about it
   std::unique_ptr<task_iterator> iterator;  // null: not to be had
   task_entries entries_of_tasks;
   std::vector<task_record> tasks;

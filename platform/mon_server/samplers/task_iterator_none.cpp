@@ -1,0 +1,17 @@
+// For builds without BPF.
+#include <cerrno>
+
+#include "samplers/task_iterator.h"
+
+namespace samplers {
+
+int task_iterator::open(std::string& said) {
+  said = "this program was built without it";
+  return -EOPNOTSUPP;
+}
+
+int task_iterator::read(std::vector<task_record>&) {
+  return -EOPNOTSUPP;
+}
+
+}  // namespace samplers
