@@ -10,6 +10,8 @@
 #include <type_traits>
 #include <vector>
 
+#include "mon_fields.h"
+
 namespace mon_protocol {
 
 // First four bytes of every message: F5 'Z' 'M' 'P'. No text protocol starts with 0xF5, so a
@@ -97,13 +99,13 @@ std::string decode_header(const uint8_t* bytes, message_type expected, uint32_t 
 bool crc_matches(const message_header& header, const uint8_t* payload);
 
 // Takes a payload of records apart. Every read is bounded; a payload that holds a fraction of a
-// record, or more than `most` records, yields false and an empty list.
+// record, or more records than an answer may have, yields false and an empty list.
 template <class record>
-bool decode_records(const std::vector<uint8_t>& payload, size_t most,
-                    std::vector<record>& records) {
+bool decode_records(const std::vector<uint8_t>& payload, std::vector<record>& records) {
   static_assert(std::is_trivially_copyable_v<record>);
   records.clear();
-  if (payload.size() % sizeof(record) != 0 || payload.size() / sizeof(record) > most) {
+  if (payload.size() % sizeof(record) != 0 ||
+      payload.size() / sizeof(record) > mon_fields::description<record>::most) {
     return false;
   }
   records.resize(payload.size() / sizeof(record));

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <string>
 
+#include "mon_records.h"
 #include "zorva/log.h"
 #include "zorva/monitor.h"
 #include "zorva/perf_switch.h"
@@ -16,9 +17,7 @@
 
 namespace {
 
-enum sort_key { by_cpu = 1, by_bpu = 2, by_io = 3, by_net = 4, by_ram = 5 };
-
-void sort_by(sort_key key, const char* message) {
+void sort_by(process_sort_key key, const char* message) {
   manager.sort_mode = key;
   LOG_I("%s", message);
 }
@@ -38,19 +37,19 @@ void switch_view(bool threads, const char* message) {
 void act_on(int input) {
   switch (input) {
     case 'c':
-      sort_by(by_cpu, "Sort by CPU usage\n");
+      sort_by(sort_by_cpu, "Sort by CPU usage\n");
       break;
     case 'b':
-      sort_by(by_bpu, "Sort by BPU usage\n");
+      sort_by(sort_by_bpu, "Sort by BPU usage\n");
       break;
     case 'i':
-      sort_by(by_io, "Sort by io\n");
+      sort_by(sort_by_io, "Sort by io\n");
       break;
     case 'n':
-      sort_by(by_net, "Sort by net\n");
+      sort_by(sort_by_net, "Sort by net\n");
       break;
     case 'r':
-      sort_by(by_ram, "Sort by ram rss\n");
+      sort_by(sort_by_ram, "Sort by ram rss\n");
       break;
     case 'H':
       switch_view(true, "Switch to thread mode\n");

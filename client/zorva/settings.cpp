@@ -6,14 +6,13 @@
 #include <cstdlib>
 #include <iostream>
 
+#include "mon_records.h"
+
 zorva_manage manager;
 
 std::vector<const char*> parts = {"/log", "/map", "/userdata"};
 
 namespace {
-
-// Set in a mode word that asks for threads.
-constexpr int thread_view = 0xff00;
 
 constexpr char usage[] =
     "Real-time performance monitoring for Meridian series platforms\n"

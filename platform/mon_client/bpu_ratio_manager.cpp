@@ -21,8 +21,7 @@ bpu_ratio_manager::bpu_ratio_manager(const std::string& ip, int port)
 bpu_ratio_manager::~bpu_ratio_manager() = default;
 
 int bpu_ratio_manager::get_bpu_ratio_all(std::ostream* os) {
-  constexpr size_t most_cores = 64;
   return requests::query_records<bpu_stat>(
-      *this, {mon_protocol::cmd_bpu, mon_protocol::bpu_ratio}, most_cores,
+      *this, {mon_protocol::cmd_bpu, mon_protocol::bpu_ratio},
       {"BPU", texts::text_form::ended_line, text_tools::line_width()}, texts::bpu, os);
 }

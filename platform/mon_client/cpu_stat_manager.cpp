@@ -12,8 +12,6 @@
 
 namespace {
 
-constexpr size_t most_cpus = 1025;  // the total and 1,024 CPUs
-
 // A server that has taken so long already is not asked for more: running into the time-out would
 // cost the connection, and the rates with it.
 constexpr int least_left_ms = 500;
@@ -32,8 +30,7 @@ bool decode_process_list(const std::vector<uint8_t>& payload, int& total,
   std::memcpy(head, payload.data(), head_size);
   total = head[1];
   const std::vector<uint8_t> rest(payload.begin() + head_size, payload.end());
-  return mon_protocol::decode_records(rest, max_pid_msgs, list) &&
-         list.size() == static_cast<size_t>(head[0]);
+  return mon_protocol::decode_records(rest, list) && list.size() == static_cast<size_t>(head[0]);
 }
 
 // The processes of a list, ascending: those in it, or those that its threads belong to.
@@ -54,7 +51,7 @@ std::string system_text(client_comm& comm, const std::string& cpu_text, size_t w
   const auto lines = static_cast<size_t>(std::count(cpu_text.begin(), cpu_text.end(), '\n'));
   std::vector<system_stat> stat;
   if (lines >= texts::cpu_lines || comm.left_ms() < least_left_ms ||
-      requests::ask_records(comm, cpu_request(mon_protocol::cpu_system), 1, stat, 1) < 0) {
+      requests::ask_records(comm, cpu_request(mon_protocol::cpu_system), stat, 1) < 0) {
     return "";
   }
   return texts::system(stat.front(), texts::cpu_lines - lines, width);
@@ -81,8 +78,7 @@ int cpu_stat_manager::get_cpu_usage(std::ostream* os) {
                                    std::min(text_tools::line_width(), texts::cpu_columns)};
   return requests::query(*this, place, os, [&](client_comm& comm) {
     std::vector<cpu_usage> cpus;
-    const int ret =
-        requests::ask_records(comm, cpu_request(mon_protocol::cpu_usage_all), most_cpus, cpus);
+    const int ret = requests::ask_records(comm, cpu_request(mon_protocol::cpu_usage_all), cpus);
     if (ret < 0) {
       return ret;
     }
@@ -95,8 +91,8 @@ int cpu_stat_manager::get_cpu_usage(std::ostream* os) {
 
 int cpu_stat_manager::get_process_all(int mode, std::ostream* os) {
   const int32_t asked = mode;
-  const int sort_key = mode & 0xff;
-  const bool threads = (mode & 0xff00) == 0xff00;
+  const int sort_key = sort_key_of(mode);
+  const bool threads = asks_for_threads(mode);
   const requests::text_place place{"Processes", texts::text_form::ended_line,
                                    text_tools::line_width()};
   return requests::query(*this, place, os, [&](client_comm& comm) {
@@ -133,8 +129,7 @@ void cpu_stat_manager::update_command_lines(client_comm& comm,
   }
   lists_to_pass = all_told ? lists_between_looks : 0;  // a new one's line comes a list later
   std::vector<process_command> changed;
-  if (requests::ask_records(comm, cpu_request(mon_protocol::cpu_command_lines), max_pid_msgs,
-                            changed) < 0) {
+  if (requests::ask_records(comm, cpu_request(mon_protocol::cpu_command_lines), changed) < 0) {
     command_lines.clear();
     command_lines_asked = false;
     return;
@@ -183,7 +178,7 @@ int cpu_stat_manager::get_perf_data(std::ostream* os) {
       *this, {"Counters", texts::text_form::ended_line, width}, &text, [&](client_comm& comm) {
         std::vector<perf_sample> sample;
         const int status =
-            requests::ask_records(comm, cpu_request(mon_protocol::cpu_perf_data), 1, sample, 1);
+            requests::ask_records(comm, cpu_request(mon_protocol::cpu_perf_data), sample, 1);
         if (status == -EBUSY) {
           comm.release(mon_protocol::cmd_cpu, mon_protocol::cpu_enable_perf);
         } else if (status == 0) {

@@ -11,10 +11,8 @@ namespace {
 template <class record>
 int append_devices(client_comm& comm, uint16_t sub_command, const requests::text_place& place,
                    std::ostream* os) {
-  constexpr size_t most_devices = 512;
   std::vector<record> devices;
-  const int ret =
-      requests::ask_records(comm, {mon_protocol::cmd_net, sub_command}, most_devices, devices);
+  const int ret = requests::ask_records(comm, {mon_protocol::cmd_net, sub_command}, devices);
   if (ret == 0) {
     *os << texts::net(devices, place.width);
   }

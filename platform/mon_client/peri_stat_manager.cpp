@@ -10,11 +10,6 @@
 
 namespace {
 
-constexpr size_t most_zones = 512;  // 256 zones and 256 cooling devices
-constexpr size_t most_heaps = 64;
-constexpr size_t most_parts = 16;
-constexpr size_t most_devices = 256;
-
 // A query of this family.
 requests::request peri_request(uint16_t sub_command) {
   return {mon_protocol::cmd_peri, sub_command};
@@ -42,7 +37,7 @@ peri_stat_manager::~peri_stat_manager() = default;
 
 int peri_stat_manager::get_all_thermal(std::ostream* os) {
   return requests::query_records<thermal_stat>(*this, peri_request(mon_protocol::peri_thermal),
-                                               most_zones, line_of("Thermal"), texts::thermal, os);
+                                               line_of("Thermal"), texts::thermal, os);
 }
 
 int peri_stat_manager::get_meminfo(std::ostream* os) {
@@ -52,7 +47,7 @@ int peri_stat_manager::get_meminfo(std::ostream* os) {
       *this, {"Mem", texts::text_form::brackets, width}, &text, [&](client_comm& comm) {
         std::vector<meminfo> info;
         const int status =
-            requests::ask_records(comm, peri_request(mon_protocol::peri_meminfo), 1, info, 1);
+            requests::ask_records(comm, peri_request(mon_protocol::peri_meminfo), info, 1);
         if (status == 0) {
           text << texts::memory(info.front(), width);
         }
@@ -66,8 +61,7 @@ int peri_stat_manager::get_meminfo(std::ostream* os) {
 int peri_stat_manager::get_ion_info(std::ostream* os) {
   const size_t width = texts::ion_width(text_tools::line_width(), memory_columns);
   return requests::query_records<ion_info>(
-      *this, peri_request(mon_protocol::peri_ion), most_heaps,
-      {"ION", texts::text_form::brackets, width},
+      *this, peri_request(mon_protocol::peri_ion), {"ION", texts::text_form::brackets, width},
       [this](const std::vector<ion_info>& heaps, size_t columns) {
         ion_wanted = texts::ion(heaps, SIZE_MAX).size();
         return texts::ion(heaps, columns);
@@ -80,7 +74,8 @@ int peri_stat_manager::get_partition_info(std::vector<const char*>& parts, std::
   std::vector<char> paths;
   for (const char* part : parts) {
     const size_t length = std::strlen(part);
-    if (length >= sizeof(part_info::part_name) || parts.size() > most_parts) {
+    if (length >= sizeof(part_info::part_name) ||
+        parts.size() > mon_fields::description<part_info>::most) {
       *os << texts::failure({place.name, place.form, -EINVAL, false, ""}, place.width);
       return -EINVAL;
     }
@@ -90,10 +85,10 @@ int peri_stat_manager::get_partition_info(std::vector<const char*>& parts, std::
   requests::request asked = peri_request(mon_protocol::peri_partitions);
   asked.payload = paths.data();
   asked.length = paths.size();
-  return requests::query_records<part_info>(*this, asked, most_parts, place, texts::partitions, os);
+  return requests::query_records<part_info>(*this, asked, place, texts::partitions, os);
 }
 
 int peri_stat_manager::get_block_usage(std::ostream* os) {
   return requests::query_records<block_stat>(*this, peri_request(mon_protocol::peri_blocks),
-                                             most_devices, line_of("Block"), texts::blocks, os);
+                                             line_of("Block"), texts::blocks, os);
 }

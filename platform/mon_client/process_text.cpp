@@ -14,8 +14,6 @@ namespace {
 
 using text_tools::figure;
 
-enum sort_key { by_cpu = 1, by_bpu = 2, by_io = 3, by_net = 4, by_ram = 5 };
-
 // Process ids take at most 7 columns, the largest being 2^22 (PID_MAX_LIMIT); what does not fit
 // there is no process id.
 constexpr size_t least_pid_width = 5;
@@ -53,13 +51,13 @@ std::string title(const char* name, bool sorted) {
 
 const char* key_name(int sort_key) {
   switch (sort_key) {
-    case by_bpu:
+    case sort_by_bpu:
       return "BPU";
-    case by_io:
+    case sort_by_io:
       return "IO";
-    case by_net:
+    case sort_by_net:
       return "NET";
-    case by_ram:
+    case sort_by_ram:
       return "RAM";
     default:
       return "CPU";
@@ -91,12 +89,11 @@ void end_line(std::string& text, size_t start, size_t most) {
 }
 
 std::string header(size_t pid_width, int total, int sort_key, bool threads, size_t most) {
-  const bool cpu = std::string_view(key_name(sort_key)) == "CPU";
-  std::string line =
-      fmt::format("{:>{}} {:>{}} S PRI CPU {:>5} {:>5} {:>8} {:>9} {:>6}", threads ? "TID" : "PID",
-                  pid_width, threads ? "PID" : "PPID", pid_width, title("CPU%", cpu),
-                  title("BPU%", sort_key == by_bpu), title("IO KB/s", sort_key == by_io),
-                  title("NET KB/s", sort_key == by_net), title("RSS", sort_key == by_ram));
+  std::string line = fmt::format(
+      "{:>{}} {:>{}} S PRI CPU {:>5} {:>5} {:>8} {:>9} {:>6}", threads ? "TID" : "PID", pid_width,
+      threads ? "PID" : "PPID", pid_width, title("CPU%", sort_key == sort_by_cpu),
+      title("BPU%", sort_key == sort_by_bpu), title("IO KB/s", sort_key == sort_by_io),
+      title("NET KB/s", sort_key == sort_by_net), title("RSS", sort_key == sort_by_ram));
   // The star says the sort key too, so it is the first to go.
   const std::string count =
       fmt::format(" {} {}", threads ? "THREADS" : "PROCS", std::max(total, 0));

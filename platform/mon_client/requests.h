@@ -98,25 +98,25 @@ int query(request_handler& handler, const text_place& place, std::ostream* os, f
   return ret;
 }
 
-// Asks for at most `most` records, `least` at least.
+// Asks for as many records as an answer may have, `least` at least.
 template <class record>
-int ask_records(client_comm& comm, const request& asked, size_t most, std::vector<record>& records,
+int ask_records(client_comm& comm, const request& asked, std::vector<record>& records,
                 size_t least = 0) {
   const int ret = comm.request(asked.command, asked.sub_command, asked.payload, asked.length);
   if (ret < 0) {
     return ret;
   }
-  const bool good = mon_protocol::decode_records(comm.recv_buf, most, records);
+  const bool good = mon_protocol::decode_records(comm.recv_buf, records);
   return good && records.size() >= least ? 0 : comm.reject_answer();
 }
 
 // Asks for records and appends the text that `format` makes of them and of the place's width.
 template <class record, class formatter>
-int query_records(request_handler& handler, const request& asked, size_t most,
-                  const text_place& place, formatter format, std::ostream* os) {
+int query_records(request_handler& handler, const request& asked, const text_place& place,
+                  formatter format, std::ostream* os) {
   return query(handler, place, os, [&](client_comm& comm) {
     std::vector<record> records;
-    const int ret = ask_records(comm, asked, most, records);
+    const int ret = ask_records(comm, asked, records);
     if (ret == 0) {
       *os << format(records, place.width);
     }

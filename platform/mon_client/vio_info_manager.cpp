@@ -21,8 +21,7 @@ vio_info_manager::vio_info_manager(const std::string& ip, int port)
 vio_info_manager::~vio_info_manager() = default;
 
 int vio_info_manager::sort_all_vio_fps(std::ostream* os) {
-  constexpr size_t most_pipelines = 64;
   return requests::query_records<vio_stat>(
-      *this, {mon_protocol::cmd_vio, mon_protocol::vio_fps}, most_pipelines,
+      *this, {mon_protocol::cmd_vio, mon_protocol::vio_fps},
       {"VIO", texts::text_form::ended_line, text_tools::line_width()}, texts::vio, os);
 }

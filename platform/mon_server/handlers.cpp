@@ -1,10 +1,13 @@
 #include "handlers.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <iterator>
 #include <string>
 #include <utility>
+#include <variant>
 
 #include "samplers/board.h"
 #include "samplers/clock.h"
@@ -23,7 +26,6 @@ using replier = std::function<void(answer)>;
 // One thread for each of the five families, so that a driver that hangs holds up no other; as many
 // mounts may be dead before all partitions are unknown.
 constexpr size_t slow_threads = 5;
-constexpr size_t most_partitions = 16;
 
 // A read on another thread takes the server 80 us, twice what the rest of the answer does, and what
 // is swapped moves slowly.
@@ -95,13 +97,16 @@ answer net_answer(session_state& state, machine_figures& figures, rates rates_of
 }
 
 // Both requests end the same interval: whoever asks for one after the other has the same rates.
-answer traffic_answer(uint16_t sub_command, session_state& state, machine_figures& figures) {
+template <mon_protocol::net_sub sub_command>
+answer traffic_answer(session_state& state, machine_figures& figures) {
   if (!state.net_monitor) {
     return status_only(-EINVAL);
   }
-  return sub_command == mon_protocol::net_bandwidth
-             ? net_answer(state, figures, samplers::net_rates)
-             : net_answer(state, figures, samplers::net_rates_by_direction);
+  if constexpr (sub_command == mon_protocol::net_bandwidth) {
+    return net_answer(state, figures, samplers::net_rates);
+  } else {
+    return net_answer(state, figures, samplers::net_rates_by_direction);
+  }
 }
 
 answer memory_answer(session_state& state, machine_figures& figures) {
@@ -119,8 +124,8 @@ void handle_process_list(const std::vector<uint8_t>& payload, session_state& sta
   }
   std::memcpy(&mode, payload.data(), sizeof mode);
   process_lists::request wanted;
-  wanted.threads = (mode & 0xff00) == 0xff00;
-  wanted.sort_key = samplers::known_sort_key(mode & 0xff);
+  wanted.threads = asks_for_threads(mode);
+  wanted.sort_key = sort_key_of(mode);
   auto& interval = wanted.threads ? state.threads : state.processes;
   wanted.over = interval;
   interval.before.reset();  // so that its memory may serve for the new one
@@ -142,6 +147,14 @@ answer command_answer(session_state& state, machine_figures& figures) {
     return {};
   }
   return success(figures.commands.tell(*state.listed, state.told_commands));
+}
+
+answer enable_perf(session_state& state, machine_figures& figures) {
+  return status_only(figures.counters.enable(state.counters));
+}
+
+answer disable_perf(session_state& state, machine_figures& figures) {
+  return status_only(figures.counters.disable(state.counters));
 }
 
 answer perf_answer(session_state& state, machine_figures& figures) {
@@ -204,31 +217,6 @@ void handle_system(session_state& state, machine_figures& figures, const replier
     finish();
   };
   figures.drivers.ask({"zram", "zram", &state}, zram_young_us, read, take);
-}
-
-void handle_cpu(uint16_t sub_command, const std::vector<uint8_t>& payload, session_state& state,
-                machine_figures& figures, const replier& reply) {
-  switch (sub_command) {
-    case mon_protocol::cpu_usage_all:
-      return reply(cpu_answer(state, figures));
-    case mon_protocol::cpu_process_list:
-      return handle_process_list(payload, state, figures, reply);
-    case mon_protocol::cpu_enable_perf:
-      return reply(status_only(figures.counters.enable(state.counters)));
-    case mon_protocol::cpu_disable_perf:
-      return reply(status_only(figures.counters.disable(state.counters)));
-    case mon_protocol::cpu_perf_data:
-      return reply(perf_answer(state, figures));
-    case mon_protocol::cpu_exit:
-      exit_process_monitoring(state, figures);
-      return reply({});
-    case mon_protocol::cpu_system:
-      return handle_system(state, figures, reply);
-    case mon_protocol::cpu_command_lines:
-      return reply(command_answer(state, figures));
-    default:
-      return reply(status_only(-ENOSYS));
-  }
 }
 
 // Has a driver's figures read on another thread. `sampler` fills records and returns 0 or a
@@ -350,7 +338,7 @@ void handle_partitions(const std::vector<uint8_t>& payload, session_state& state
                        machine_figures& figures, const replier& reply) {
   constexpr size_t path_size = sizeof(part_info::part_name);
   const size_t count = payload.size() / path_size;
-  if (payload.size() % path_size != 0 || count > most_partitions) {
+  if (payload.size() % path_size != 0 || count > mon_fields::description<part_info>::most) {
     return reply(status_only(-EINVAL));
   }
   std::vector<std::string> paths;
@@ -377,62 +365,60 @@ void handle_partitions(const std::vector<uint8_t>& payload, session_state& state
   }
 }
 
-void handle_peri(uint16_t sub_command, const std::vector<uint8_t>& payload, session_state& state,
-                 machine_figures& figures, const replier& reply) {
-  switch (sub_command) {
-    case mon_protocol::peri_thermal:
-      return handle_thermal(state, figures, reply);
-    case mon_protocol::peri_meminfo:
-      return reply(memory_answer(state, figures));
-    case mon_protocol::peri_ion:
-      return handle_ion(state, figures, reply);
-    case mon_protocol::peri_partitions:
-      return handle_partitions(payload, state, figures, reply);
-    case mon_protocol::peri_blocks:
-      return reply(block_answer(state, figures));
-    default:
-      return reply(status_only(-ENOSYS));
-  }
+void start_net_monitor(session_state& state, machine_figures& figures) {
+  state.net_devices.reset();
+  state.net_monitor = true;
+  // The first sample, which the first answer's rates start from. That it may not be had now keeps
+  // nobody from asking later.
+  net_answer(state, figures, samplers::net_rates);
 }
 
-void handle_net(uint16_t sub_command, session_state& state, machine_figures& figures,
-                const replier& reply) {
-  switch (sub_command) {
-    case mon_protocol::net_start:
-      state.net_devices.reset();
-      state.net_monitor = true;
-      // The first sample, which the first answer's rates start from. That it may not be had now
-      // keeps nobody from asking later.
-      net_answer(state, figures, samplers::net_rates);
-      return reply({});
-    case mon_protocol::net_bandwidth:
-    case mon_protocol::net_by_direction:
-      return reply(traffic_answer(sub_command, state, figures));
-    case mon_protocol::net_exit:
-      state.net_monitor = false;
-      state.net_devices.reset();
-      return reply({});
-    default:
-      return reply(status_only(-ENOSYS));
-  }
+void exit_net_monitor(session_state& state, machine_figures&) {
+  state.net_monitor = false;
+  state.net_devices.reset();
 }
 
-bool takes_payload(const message_header& request) {
-  return (request.command == mon_protocol::cmd_cpu &&
-          request.sub_command == mon_protocol::cpu_process_list) ||
-         (request.command == mon_protocol::cmd_peri &&
-          request.sub_command == mon_protocol::peri_partitions);
-}
+void say_hello(session_state&, machine_figures&) {}
 
-void handle_connection(uint16_t sub_command, session_state& state, machine_figures& figures,
-                       const replier& reply) {
-  if (sub_command == mon_protocol::connection_back_id) {
-    release_session(state, figures);
-  }
-  const bool known = sub_command == mon_protocol::connection_hello ||
-                     sub_command == mon_protocol::connection_back_id;
-  reply(status_only(known ? 0 : -ENOSYS));
-}
+// What a request is answered by: with its payload, if it takes one; at once, or when `reply` is
+// called; or with a status alone.
+using payload_handler = void (*)(const std::vector<uint8_t>&, session_state&, machine_figures&,
+                                 const replier&);
+using late_handler = void (*)(session_state&, machine_figures&, const replier&);
+using answer_handler = answer (*)(session_state&, machine_figures&);
+using order_handler = void (*)(session_state&, machine_figures&);
+using request_handler = std::variant<payload_handler, late_handler, answer_handler, order_handler>;
+
+struct request_row {
+  uint16_t command;
+  uint16_t sub_command;
+  request_handler handler;
+};
+
+using namespace mon_protocol;
+constexpr request_row all_requests[] = {
+    {cmd_connection, connection_hello, say_hello},
+    {cmd_connection, connection_back_id, release_session},
+    {cmd_cpu, cpu_usage_all, cpu_answer},
+    {cmd_cpu, cpu_process_list, handle_process_list},
+    {cmd_cpu, cpu_enable_perf, enable_perf},
+    {cmd_cpu, cpu_disable_perf, disable_perf},
+    {cmd_cpu, cpu_perf_data, perf_answer},
+    {cmd_cpu, cpu_exit, exit_process_monitoring},
+    {cmd_cpu, cpu_system, handle_system},
+    {cmd_cpu, cpu_command_lines, command_answer},
+    {cmd_peri, peri_thermal, handle_thermal},
+    {cmd_peri, peri_meminfo, memory_answer},
+    {cmd_peri, peri_ion, handle_ion},
+    {cmd_peri, peri_partitions, handle_partitions},
+    {cmd_peri, peri_blocks, block_answer},
+    {cmd_bpu, bpu_ratio, handle_bpu},
+    {cmd_vio, vio_fps, handle_vio},
+    {cmd_net, net_start, start_net_monitor},
+    {cmd_net, net_bandwidth, traffic_answer<net_bandwidth>},
+    {cmd_net, net_exit, exit_net_monitor},
+    {cmd_net, net_by_direction, traffic_answer<net_by_direction>},
+};
 
 }  // namespace
 
@@ -449,27 +435,27 @@ machine_figures::machine_figures(asio::io_context& loop, const server_options& o
 
 void handle_request(const message_header& request, const std::vector<uint8_t>& payload,
                     session_state& state, machine_figures& figures, const replier& reply) {
-  if (!payload.empty() && !takes_payload(request)) {
+  const auto row =
+      std::find_if(std::begin(all_requests), std::end(all_requests), [&](const request_row& one) {
+        return one.command == request.command && one.sub_command == request.sub_command;
+      });
+  if (row == std::end(all_requests)) {
+    return reply(status_only(payload.empty() ? -ENOSYS : -EINVAL));
+  }
+  if (const auto* handler = std::get_if<payload_handler>(&row->handler)) {
+    return (*handler)(payload, state, figures, reply);
+  }
+  if (!payload.empty()) {
     return reply(status_only(-EINVAL));
   }
-  switch (request.command) {
-    case mon_protocol::cmd_connection:
-      return handle_connection(request.sub_command, state, figures, reply);
-    case mon_protocol::cmd_cpu:
-      return handle_cpu(request.sub_command, payload, state, figures, reply);
-    case mon_protocol::cmd_peri:
-      return handle_peri(request.sub_command, payload, state, figures, reply);
-    case mon_protocol::cmd_bpu:
-      return request.sub_command == mon_protocol::bpu_ratio ? handle_bpu(state, figures, reply)
-                                                            : reply(status_only(-ENOSYS));
-    case mon_protocol::cmd_vio:
-      return request.sub_command == mon_protocol::vio_fps ? handle_vio(state, figures, reply)
-                                                          : reply(status_only(-ENOSYS));
-    case mon_protocol::cmd_net:
-      return handle_net(request.sub_command, state, figures, reply);
-    default:
-      return reply(status_only(-ENOSYS));
+  if (const auto* handler = std::get_if<late_handler>(&row->handler)) {
+    return (*handler)(state, figures, reply);
   }
+  if (const auto* handler = std::get_if<answer_handler>(&row->handler)) {
+    return reply((*handler)(state, figures));
+  }
+  std::get<order_handler>(row->handler)(state, figures);
+  reply({});
 }
 
 void release_session(session_state& state, machine_figures& figures) {

@@ -36,7 +36,7 @@ class process_lists {
 
   struct request {
     bool threads = false;
-    int sort_key = samplers::sort_by_cpu;
+    int sort_key = sort_by_cpu;
     interval over;  // the session's
   };
   struct result {

@@ -522,7 +522,7 @@ TEST(server, many_clients_with_many_paths_are_all_answered) {
     bytes payload;
     ASSERT_TRUE(read_message(client->socket, header, payload));
     std::vector<part_info> parts;
-    ASSERT_TRUE(mon_protocol::decode_records(payload, 16, parts));
+    ASSERT_TRUE(mon_protocol::decode_records(payload, parts));
     EXPECT_EQ(parts.size(), 16U);
     for (const part_info& part : parts) {
       EXPECT_NE(part.f_blocks, unknown_u64) << part.part_name;

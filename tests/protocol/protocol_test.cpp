@@ -107,7 +107,7 @@ TEST(protocol, records_of_the_examples_hold_what_the_page_says) {
     return bytes(message.begin() + static_cast<ptrdiff_t>(header_size + skipped), message.end());
   };
   std::vector<pid_msg> list;
-  ASSERT_TRUE(decode_records(payload_of("process-list-answer", 8), 1, list));
+  ASSERT_TRUE(decode_records(payload_of("process-list-answer", 8), list));
   ASSERT_EQ(list.size(), 1U);
   EXPECT_EQ(list[0].pid, 4242);
   EXPECT_STREQ(list[0].comm, "camera");
@@ -115,14 +115,14 @@ TEST(protocol, records_of_the_examples_hold_what_the_page_says) {
   EXPECT_TRUE(std::isnan(list[0].net_band));
   EXPECT_EQ(list[0].rss, 20480);
   std::vector<system_stat> systems;
-  ASSERT_TRUE(decode_records(payload_of("system-answer", 0), 1, systems));
+  ASSERT_TRUE(decode_records(payload_of("system-answer", 0), systems));
   ASSERT_EQ(systems.size(), 1U);
   EXPECT_EQ(systems[0].tasks, 118U);
   EXPECT_EQ(systems[0].io_some, 0.25F);
   EXPECT_TRUE(std::isnan(systems[0].memory_full));
   EXPECT_EQ(systems[0].zram_used, 32768U);
   std::vector<net_traffic> devices;
-  ASSERT_TRUE(decode_records(payload_of("traffic-answer", 0), 2, devices));
+  ASSERT_TRUE(decode_records(payload_of("traffic-answer", 0), devices));
   ASSERT_EQ(devices.size(), 2U);
   EXPECT_EQ(devices[0].tx_rate, 20.25);
   EXPECT_EQ(devices[0].drops, 41U);
@@ -130,10 +130,58 @@ TEST(protocol, records_of_the_examples_hold_what_the_page_says) {
   EXPECT_EQ(devices[1].errors, unknown_u64);
   const bytes& lines = page.at("command-lines-answer");
   std::vector<process_command> commands;
-  ASSERT_TRUE(decode_records({lines.begin() + header_size, lines.end()}, 1, commands));
+  ASSERT_TRUE(decode_records({lines.begin() + header_size, lines.end()}, commands));
   ASSERT_EQ(commands.size(), 1U);
   EXPECT_EQ(commands[0].pid, 4242);
   EXPECT_STREQ(commands[0].text, "/usr/bin/camera --left");
+}
+
+// The table of a record as the page has it, in the order of the offsets.
+template <class described, size_t count>
+std::string table_of(const described (&fields)[count], size_t start) {
+  std::map<size_t, std::string> rows;
+  for (const described& one : fields) {
+    const mon_fields::field& field = mon_fields::field_of(one);
+    std::ostringstream row;
+    row << "| " << start + field.offset << " | " << name_of(field.type);
+    if (field.type == mon_fields::value_type::text) {
+      row << '[' << field.size << ']';
+    }
+    row << " | " << field.name << " | " << name_of(field.unit) << " | " << name_of(field.kind)
+        << " | " << field.meaning << " |\n";
+    rows[field.offset] = row.str();
+  }
+  std::string table;
+  for (const auto& [offset, row] : rows) {
+    table += row;
+  }
+  return table;
+}
+
+template <class record>
+void expect_table(const std::string& page) {
+  using description = mon_fields::description<record>;
+  std::ostringstream table;
+  table << '`' << description::name << "`, " << sizeof(record) << " bytes, at most "
+        << description::most << " an answer, from " << description::source
+        << ":\n\n| offset | type | field | unit | kind | meaning |\n|---|---|---|---|---|---|\n"
+        << table_of(description::fields, 0);
+  if constexpr (std::is_same_v<record, perf_sample>) {
+    table << table_of(counter_fields::all, offsetof(perf_sample, counters));
+  }
+  EXPECT_NE(page.find(table.str()), std::string::npos) << "the page should have\n" << table.str();
+}
+
+template <class... records>
+void expect_tables(const std::string& page, const std::tuple<records...>*) {
+  (expect_table<records>(page), ...);
+}
+
+TEST(protocol, page_has_the_description_of_each_record) {
+  std::ifstream file(PROTOCOL_PAGE);
+  std::ostringstream page;
+  page << file.rdbuf();
+  expect_tables(page.str(), static_cast<const all_records*>(nullptr));
 }
 
 }  // namespace

@@ -201,7 +201,8 @@ TEST(top_processes, order_of_each_key) {
   now.entries[1].rss_kb = 20000002;
   EXPECT_EQ(rows(top(&before, now, sort_by_io), pid), "3\n4\n2\n1\n");
   EXPECT_EQ(rows(top(&before, now, sort_by_ram), pid), "2\n1\n4\n3\n");
-  for (const int by_cpu : {sort_by_cpu, sort_by_bpu, sort_by_net, 99, -1}) {
+  for (const int by_cpu :
+       std::initializer_list<int>{sort_by_cpu, sort_by_bpu, sort_by_net, 99, -1}) {
     EXPECT_EQ(rows(top(&before, now, by_cpu), pid), "4\n2\n3\n1\n") << by_cpu;
   }
   // Far more than an answer holds, in no order: 5 to 3000 times 1009, of which a prime is left out.

@@ -9,7 +9,6 @@
 namespace samplers {
 namespace {
 
-constexpr size_t max_devices = 256;
 constexpr std::string_view digits = "0123456789";
 
 // `name` is `prefix` and a number.
@@ -92,7 +91,7 @@ const block_entry* known_in(const block_sample* sample, const block_entry& entry
 int parse_diskstats(std::string_view text, const std::vector<std::string>& whole_devices,
                     std::vector<block_entry>& entries) {
   entries.clear();
-  while (!text.empty() && entries.size() < max_devices) {
+  while (!text.empty() && entries.size() < mon_fields::description<block_stat>::most) {
     block_entry entry;
     std::string_view name;
     if (parse_line(take_line(text), name, entry) && !is_virtual(name) &&

@@ -1,5 +1,6 @@
 #include "samplers/board.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <limits>
@@ -10,8 +11,6 @@
 namespace samplers {
 namespace {
 
-constexpr size_t max_figures = 64;
-
 // No share and no frame rate is negative, or beyond what a float holds.
 float read_figure(const file_reader& reader, const std::string& path) {
   const double value = reader.read_number(path.c_str());
@@ -19,12 +18,11 @@ float read_figure(const file_reader& reader, const std::string& path) {
   return sane ? static_cast<float>(value) : std::numeric_limits<float>::quiet_NaN();
 }
 
+template <class record>
 std::vector<std::string> list_figures(const file_reader& reader, const char* folder) {
   std::vector<std::string> names;
   reader.list(folder, names);
-  if (names.size() > max_figures) {
-    names.resize(max_figures);
-  }
+  names.resize(std::min(names.size(), mon_fields::description<record>::most));
   return names;
 }
 
@@ -47,7 +45,7 @@ bool is_bpu_device(std::string name) {
 int read_bpu(const file_reader& machine, const file_reader* board, std::vector<bpu_stat>& cores) {
   cores.clear();
   if (board != nullptr) {
-    for (const std::string& name : list_figures(*board, "bpu")) {
+    for (const std::string& name : list_figures<bpu_stat>(*board, "bpu")) {
       add_core(name, read_figure(*board, "bpu/" + name), cores);
     }
   }
@@ -55,7 +53,7 @@ int read_bpu(const file_reader& machine, const file_reader* board, std::vector<b
     std::vector<std::string> devices;
     machine.list("sys/class/devfreq", devices);
     for (const std::string& device : devices) {
-      if (is_bpu_device(device) && cores.size() < max_figures) {
+      if (is_bpu_device(device) && cores.size() < mon_fields::description<bpu_stat>::most) {
         // Upstream drivers have no such file; those that do write "37" or "37@1000000000Hz".
         add_core(device, read_figure(machine, "sys/class/devfreq/" + device + "/load"), cores);
       }
@@ -67,7 +65,7 @@ int read_bpu(const file_reader& machine, const file_reader* board, std::vector<b
 int read_vio(const file_reader* board, std::vector<vio_stat>& pipelines) {
   pipelines.clear();
   if (board != nullptr) {
-    for (const std::string& name : list_figures(*board, "vio")) {
+    for (const std::string& name : list_figures<vio_stat>(*board, "vio")) {
       vio_stat pipeline{};
       copy_name(name, pipeline.name);
       pipeline.fps = read_figure(*board, "vio/" + name);

@@ -9,13 +9,11 @@
 namespace samplers {
 namespace {
 
-constexpr size_t max_heaps = 64;
-
 void add_heap(std::string_view name, uint64_t used, std::vector<ion_info>& heaps) {
   ion_info heap{};
   copy_name(name, heap.ion_name);
   heap.used = used;
-  if (heaps.size() < max_heaps) {
+  if (heaps.size() < mon_fields::description<ion_info>::most) {
     heaps.push_back(heap);
   }
 }

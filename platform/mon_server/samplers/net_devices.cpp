@@ -10,8 +10,6 @@
 namespace samplers {
 namespace {
 
-constexpr size_t max_devices = 512;
-
 uint64_t sum(uint64_t a, uint64_t b) {
   return a == unknown_u64 || b == unknown_u64 ? unknown_u64 : a + b;
 }
@@ -63,7 +61,7 @@ double rate_between(uint64_t before, uint64_t now, int64_t interval_us) {
 
 int parse_net_dev(std::string_view text, std::vector<net_entry>& entries) {
   entries.clear();
-  while (!text.empty() && entries.size() < max_devices) {
+  while (!text.empty() && entries.size() < mon_fields::description<net_traffic>::most) {
     net_entry entry;
     if (parse_line(take_line(text), entry)) {
       entries.push_back(entry);

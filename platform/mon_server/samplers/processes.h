@@ -9,17 +9,6 @@
 
 namespace samplers {
 
-// Sort keys of the process list; any other number sorts as the first.
-constexpr int sort_by_cpu = 1;
-constexpr int sort_by_bpu = 2;
-constexpr int sort_by_io = 3;
-constexpr int sort_by_net = 4;
-constexpr int sort_by_ram = 5;
-
-constexpr int known_sort_key(int key) {
-  return key >= sort_by_cpu && key <= sort_by_ram ? key : sort_by_cpu;
-}
-
 // Counters start at 0 with the process, net_bytes and bpu_ns with the first sample that saw it. One
 // that cannot be read is unknown_u64.
 struct process_entry {

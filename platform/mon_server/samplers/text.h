@@ -11,9 +11,6 @@
 
 namespace samplers {
 
-// CPUs that one machine may have; more are left out.
-constexpr int max_cpus = 1024;
-
 // Each takes the next line, or the next word that blanks separate, off the front of `text`. A word
 // is empty when none is left.
 std::string_view take_line(std::string_view& text);

@@ -8,9 +8,6 @@
 namespace samplers {
 namespace {
 
-// Of each kind; a board has some ten, a large machine one cooling device a CPU.
-constexpr size_t max_devices = 256;
-
 std::string thermal_folder(const std::string& device) {
   return "sys/class/thermal/" + device + "/";
 }
@@ -43,13 +40,13 @@ int read_thermal(const file_reader& machine, std::vector<thermal_stat>& stats) {
   std::vector<thermal_stat> cooling;
   for (const std::string& device : names) {
     thermal_stat stat{};
-    if (starts_with(device, "thermal_zone") && stats.size() < max_devices) {
+    if (starts_with(device, "thermal_zone") && stats.size() < max_thermal_devices) {
       copy_name(device_name(machine, device), stat.name);
       stat.kind = thermal_zone;
       stat.temp = read_temperature(machine, device);
       stat.stat = unknown_u64;
       stats.push_back(stat);
-    } else if (starts_with(device, "cooling_device") && cooling.size() < max_devices) {
+    } else if (starts_with(device, "cooling_device") && cooling.size() < max_thermal_devices) {
       copy_name(device_name(machine, device), stat.name);
       stat.kind = thermal_cooling;
       stat.temp = unknown_u64;
