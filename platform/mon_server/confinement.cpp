@@ -16,11 +16,9 @@
 #include <iterator>
 #include <vector>
 
-namespace {
+#include "samplers/rights.h"
 
-// <linux/capability.h> of Linux 5.8; older ones have neither name.
-constexpr int cap_perfmon = 38;
-constexpr int cap_bpf = 39;
+namespace {
 
 #if defined(__x86_64__)
 constexpr uint32_t own_architecture = AUDIT_ARCH_X86_64;
@@ -182,10 +180,10 @@ uint64_t capabilities(bool bpf) {
   const auto bit = [](int capability) { return uint64_t{1} << capability; };
   uint64_t kept = bit(CAP_SYS_PTRACE) | bit(CAP_DAC_READ_SEARCH);
   if (bpf) {
-    kept |= bit(cap_bpf);
+    kept |= bit(samplers::cap_bpf);
   }
   if (bpf || has_counters()) {
-    kept |= bit(cap_perfmon);
+    kept |= bit(samplers::cap_perfmon);
   }
   return kept;
 }

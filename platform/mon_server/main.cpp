@@ -14,8 +14,10 @@
 #include <iterator>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "confinement.h"
+#include "self_check/self_check.h"
 #include "server.h"
 #include "server_log.h"
 #include "server_options.h"
@@ -66,6 +68,23 @@ void leave_hanging_threads(int status) {
   }
 }
 
+void give_up_rights(const server_options& options) {
+  const int refused = confine(options.use_bpf && options.sysroot.empty());
+  if (refused < 0) {
+    server_log(log_priority::warning,
+               "cannot give up rights that it does not need: " + std::string(strerror(-refused)));
+  }
+}
+
+// With the rights that the server keeps, no others: what it finds is what the server will.
+int check(const server_options& options) {
+  std::cout << check_head(options) << std::flush;
+  give_up_rights(options);
+  const std::vector<finding> findings = check_all(options);
+  std::cout << check_text(findings) << std::flush;
+  return std::cout ? check_status(findings) : 1;
+}
+
 int serve(const server_options& options) {
   asio::io_context loop(1);
   server monitor(loop, options);
@@ -74,11 +93,7 @@ int serve(const server_options& options) {
     server_log(log_priority::error, problem);
     return 1;
   }
-  const int refused = confine(options.use_bpf && options.sysroot.empty());
-  if (refused < 0) {
-    server_log(log_priority::warning,
-               "cannot give up rights that it does not need: " + std::string(strerror(-refused)));
-  }
+  give_up_rights(options);
   asio::signal_set stop(loop, SIGTERM, SIGINT);
   stop.async_wait([&loop](const asio::error_code&, int) { loop.stop(); });
   monitor.run();
@@ -105,7 +120,7 @@ int main(int argc, char** argv) {
   // Log lines to a reader that went away must not end the server.
   std::signal(SIGPIPE, SIG_IGN);
   try {
-    const int status = serve(options);
+    const int status = options.check ? check(options) : serve(options);
     leave_hanging_threads(status);
     return status;
   } catch (const std::exception& error) {  // no descriptor or memory for what every server needs

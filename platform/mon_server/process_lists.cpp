@@ -18,6 +18,7 @@
 #include "confinement.h"
 #include "memory_wait.h"
 #include "mon_records.h"
+#include "obstacles.h"
 #include "samplers/clock.h"
 #include "server_log.h"
 
@@ -87,9 +88,9 @@ struct process_lists::maker : std::enable_shared_from_this<maker> {
   };
   using receiver = std::function<void(uint64_t, const list_kind&, const result&)>;
 
-  maker(std::shared_ptr<const samplers::file_reader> machine,
+  maker(std::shared_ptr<const samplers::file_reader> root,
         const samplers::process_sampler_options& options)
-      : sampler(std::move(machine), options) {}
+      : machine(std::move(root)), sampler(machine, options) {}
 
   // False when no thread can be had.
   bool add(job one) {
@@ -179,7 +180,7 @@ struct process_lists::maker : std::enable_shared_from_this<maker> {
       return made;
     }
     if (!std::exchange(way_told, true)) {
-      server_log(log_priority::info, sampler.way());
+      tell_way();
       if (!sampler.uses_bpf()) {
         drop_bpf_capabilities();
       }
@@ -187,6 +188,20 @@ struct process_lists::maker : std::enable_shared_from_this<maker> {
     made.list = ranked.list(made.over, wanted.sort_key);
     made.by_bpf = sampler.uses_bpf();
     return made;
+  }
+
+  // How processes are read, into the log.
+  void tell_way() const {
+    if (sampler.uses_bpf()) {
+      return server_log(log_priority::info, "processes are read by a BPF program");
+    }
+    std::string text = "processes are read from files of /proc";
+    if (sampler.why_not_bpf().error == 0) {
+      return server_log(log_priority::info, text);
+    }
+    kernel_facts kernel(*machine);
+    text += ", not by BPF: " + log_text(bpf_obstacle(kernel, sampler.why_not_bpf()));
+    server_log(log_priority::info, text);
   }
 
   receiver hand_over;  // written before the thread starts; called with `lock` held
@@ -199,6 +214,7 @@ struct process_lists::maker : std::enable_shared_from_this<maker> {
   bool stopped = false;
 
   // The thread's own.
+  const std::shared_ptr<const samplers::file_reader> machine;
   samplers::process_sampler sampler;
   snapshot_source<samplers::process_sample> processes{rest_after_sample};
   snapshot_source<samplers::process_sample> threads{rest_after_sample};

@@ -6,6 +6,7 @@
 
 #include "line_output.h"
 #include "samplers/clock.h"
+#include "samplers/text.h"
 
 namespace {
 
@@ -19,13 +20,8 @@ std::string head_of(log_priority priority) {
 
 void server_log(log_priority priority, const std::string& text) {
   static line_output output(std::chrono::milliseconds(0), STDERR_FILENO);
-  std::string line = head_of(priority) + text;
-  for (char& c : line) {
-    if (c < ' ' || c > '~') {
-      c = '?';
-    }
-  }
-  output.write(line + '\n', head_of(log_priority::warning));
+  output.write(head_of(priority) + samplers::printable(text) + '\n',
+               head_of(log_priority::warning));
 }
 
 void limited_log::write(log_priority priority, const std::string& text) {

@@ -22,6 +22,11 @@ constexpr char usage[] =
     "takes\n"
     "                  some 6 KiB of the kernel's memory\n"
     "  --no-bpf        read processes from /proc even where a BPF program could\n"
+    "  --check         tell for each family of figures where it is read from on this machine, or "
+    "why\n"
+    "                  it is not and what to do, and end: with 0 when all is well, 1 when "
+    "something\n"
+    "                  is missing or could be read better; serves nobody\n"
     "  --help          this text\n"
     "  --version       the version\n";
 
@@ -67,6 +72,9 @@ command_line take_option(int opt, server_options& options, std::string& text) {
     case 'n':
       options.use_bpf = false;
       break;
+    case 'c':
+      options.check = true;
+      break;
     case 'h':
       text = usage;
       return command_line::done;
@@ -91,6 +99,7 @@ command_line parse_server_options(int argc, char** argv, server_options& options
       {"sysroot", required_argument, nullptr, 's'},
       {"keep-files", required_argument, nullptr, 'k'},
       {"no-bpf", no_argument, nullptr, 'n'},
+      {"check", no_argument, nullptr, 'c'},
       {"help", no_argument, nullptr, 'h'},
       {"version", no_argument, nullptr, 'v'},
       {nullptr, 0, nullptr, 0},

@@ -13,6 +13,7 @@ struct server_options {
   std::string board;         // folder of the board's figures; empty: none
   size_t keep_files = 4096;  // descriptors of processes' files that stay open, at most
   bool use_bpf = true;       // where the kernel and the rights allow it
+  bool check = false;        // tell where figures come from, and end
 };
 
 enum class command_line {

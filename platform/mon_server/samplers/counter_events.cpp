@@ -3,6 +3,7 @@
 #include <linux/perf_event.h>
 
 #include <algorithm>
+#include <iterator>
 
 #include "samplers/text.h"
 
@@ -26,6 +27,7 @@ constexpr uint64_t misses(uint64_t cache) {
 
 struct counter_event {
   counter_member counter;
+  const char* name;
   int group;
   uint32_t type;  // generic event, no_generic_event if the kernel has no name for it
   uint64_t config;
@@ -41,43 +43,48 @@ using counters = perf_counters;
 // On ARM the generic names lead to other events on some kernels (branches to PC_WRITE_RETIRED, the
 // last level cache to nothing), the numbers of PMUv3 do not.
 constexpr counter_event all_events[] = {
-    {&counters::cycles, 0, PERF_TYPE_HARDWARE, PERF_COUNT_HW_CPU_CYCLES, nullptr, 0},
-    {&counters::instructions, 0, PERF_TYPE_HARDWARE, PERF_COUNT_HW_INSTRUCTIONS, nullptr, 0},
-    {&counters::stall_frontend, 0, PERF_TYPE_HARDWARE, PERF_COUNT_HW_STALLED_CYCLES_FRONTEND,
-     "stall_frontend", 0x23},
-    {&counters::stall_backend, 0, PERF_TYPE_HARDWARE, PERF_COUNT_HW_STALLED_CYCLES_BACKEND,
-     "stall_backend", 0x24},
-    {&counters::l1d_load, 1, PERF_TYPE_HW_CACHE, accesses(PERF_COUNT_HW_CACHE_L1D), "l1d_cache",
-     0x04},
-    {&counters::l1d_misses, 1, PERF_TYPE_HW_CACHE, misses(PERF_COUNT_HW_CACHE_L1D),
+    {&counters::cycles, "cycles", 0, PERF_TYPE_HARDWARE, PERF_COUNT_HW_CPU_CYCLES, nullptr, 0},
+    {&counters::instructions, "instructions", 0, PERF_TYPE_HARDWARE, PERF_COUNT_HW_INSTRUCTIONS,
+     nullptr, 0},
+    {&counters::stall_frontend, "stall_frontend", 0, PERF_TYPE_HARDWARE,
+     PERF_COUNT_HW_STALLED_CYCLES_FRONTEND, "stall_frontend", 0x23},
+    {&counters::stall_backend, "stall_backend", 0, PERF_TYPE_HARDWARE,
+     PERF_COUNT_HW_STALLED_CYCLES_BACKEND, "stall_backend", 0x24},
+    {&counters::l1d_load, "l1d_load", 1, PERF_TYPE_HW_CACHE, accesses(PERF_COUNT_HW_CACHE_L1D),
+     "l1d_cache", 0x04},
+    {&counters::l1d_misses, "l1d_misses", 1, PERF_TYPE_HW_CACHE, misses(PERF_COUNT_HW_CACHE_L1D),
      "l1d_cache_refill", 0x03},
-    {&counters::l1i_load, 2, PERF_TYPE_HW_CACHE, accesses(PERF_COUNT_HW_CACHE_L1I), "l1i_cache",
-     0x14},
-    {&counters::l1i_misses, 2, PERF_TYPE_HW_CACHE, misses(PERF_COUNT_HW_CACHE_L1I),
+    {&counters::l1i_load, "l1i_load", 2, PERF_TYPE_HW_CACHE, accesses(PERF_COUNT_HW_CACHE_L1I),
+     "l1i_cache", 0x14},
+    {&counters::l1i_misses, "l1i_misses", 2, PERF_TYPE_HW_CACHE, misses(PERF_COUNT_HW_CACHE_L1I),
      "l1i_cache_refill", 0x01},
-    {&counters::l2d_cache, 3, no_generic_event, 0, "l2d_cache", 0x16},
-    {&counters::l2d_cache_refill, 3, no_generic_event, 0, "l2d_cache_refill", 0x17},
-    {&counters::l3d_cache, 4, no_generic_event, 0, "l3d_cache", 0x2B},
-    {&counters::l3d_cache_refill, 4, no_generic_event, 0, "l3d_cache_refill", 0x2A},
-    {&counters::llc_load, 5, PERF_TYPE_HW_CACHE, accesses(PERF_COUNT_HW_CACHE_LL), "ll_cache_rd",
-     0x36},
-    {&counters::llc_misses, 5, PERF_TYPE_HW_CACHE, misses(PERF_COUNT_HW_CACHE_LL),
+    {&counters::l2d_cache, "l2d_cache", 3, no_generic_event, 0, "l2d_cache", 0x16},
+    {&counters::l2d_cache_refill, "l2d_cache_refill", 3, no_generic_event, 0, "l2d_cache_refill",
+     0x17},
+    {&counters::l3d_cache, "l3d_cache", 4, no_generic_event, 0, "l3d_cache", 0x2B},
+    {&counters::l3d_cache_refill, "l3d_cache_refill", 4, no_generic_event, 0, "l3d_cache_refill",
+     0x2A},
+    {&counters::llc_load, "llc_load", 5, PERF_TYPE_HW_CACHE, accesses(PERF_COUNT_HW_CACHE_LL),
+     "ll_cache_rd", 0x36},
+    {&counters::llc_misses, "llc_misses", 5, PERF_TYPE_HW_CACHE, misses(PERF_COUNT_HW_CACHE_LL),
      "ll_cache_miss_rd", 0x37},
-    {&counters::itlb_load, 6, PERF_TYPE_HW_CACHE, accesses(PERF_COUNT_HW_CACHE_ITLB), "l1i_tlb",
-     0x26},
-    {&counters::itlb_misses, 6, PERF_TYPE_HW_CACHE, misses(PERF_COUNT_HW_CACHE_ITLB),
+    {&counters::itlb_load, "itlb_load", 6, PERF_TYPE_HW_CACHE, accesses(PERF_COUNT_HW_CACHE_ITLB),
+     "l1i_tlb", 0x26},
+    {&counters::itlb_misses, "itlb_misses", 6, PERF_TYPE_HW_CACHE, misses(PERF_COUNT_HW_CACHE_ITLB),
      "l1i_tlb_refill", 0x02},
-    {&counters::dtlb_load, 7, PERF_TYPE_HW_CACHE, accesses(PERF_COUNT_HW_CACHE_DTLB), "l1d_tlb",
-     0x25},
-    {&counters::dtlb_misses, 7, PERF_TYPE_HW_CACHE, misses(PERF_COUNT_HW_CACHE_DTLB),
+    {&counters::dtlb_load, "dtlb_load", 7, PERF_TYPE_HW_CACHE, accesses(PERF_COUNT_HW_CACHE_DTLB),
+     "l1d_tlb", 0x25},
+    {&counters::dtlb_misses, "dtlb_misses", 7, PERF_TYPE_HW_CACHE, misses(PERF_COUNT_HW_CACHE_DTLB),
      "l1d_tlb_refill", 0x05},
-    {&counters::branches, 8, PERF_TYPE_HARDWARE, PERF_COUNT_HW_BRANCH_INSTRUCTIONS, "br_pred",
-     0x12},
-    {&counters::branch_misses, 8, PERF_TYPE_HARDWARE, PERF_COUNT_HW_BRANCH_MISSES, "br_mis_pred",
-     0x10},
-    {&counters::cs, 9, PERF_TYPE_SOFTWARE, PERF_COUNT_SW_CONTEXT_SWITCHES, nullptr, 0},
-    {&counters::migrations, 10, PERF_TYPE_SOFTWARE, PERF_COUNT_SW_CPU_MIGRATIONS, nullptr, 0},
-    {&counters::page_faults, 11, PERF_TYPE_SOFTWARE, PERF_COUNT_SW_PAGE_FAULTS, nullptr, 0},
+    {&counters::branches, "branches", 8, PERF_TYPE_HARDWARE, PERF_COUNT_HW_BRANCH_INSTRUCTIONS,
+     "br_pred", 0x12},
+    {&counters::branch_misses, "branch_misses", 8, PERF_TYPE_HARDWARE, PERF_COUNT_HW_BRANCH_MISSES,
+     "br_mis_pred", 0x10},
+    {&counters::cs, "cs", 9, PERF_TYPE_SOFTWARE, PERF_COUNT_SW_CONTEXT_SWITCHES, nullptr, 0},
+    {&counters::migrations, "migrations", 10, PERF_TYPE_SOFTWARE, PERF_COUNT_SW_CPU_MIGRATIONS,
+     nullptr, 0},
+    {&counters::page_faults, "page_faults", 11, PERF_TYPE_SOFTWARE, PERF_COUNT_SW_PAGE_FAULTS,
+     nullptr, 0},
 };
 static_assert(sizeof all_events / sizeof all_events[0] == sizeof(perf_counters) / sizeof(uint64_t));
 
@@ -107,6 +114,20 @@ const pmu* find_pmu(const std::vector<pmu>& pmus, int32_t cpu, const char* name)
 
 }  // namespace
 
+std::vector<counter_member> all_counters() {
+  std::vector<counter_member> all;
+  for (const counter_event& event : all_events) {
+    all.push_back(event.counter);
+  }
+  return all;
+}
+
+const char* counter_name(counter_member counter) {
+  return std::find_if(std::begin(all_events), std::end(all_events),
+                      [counter](const counter_event& event) { return event.counter == counter; })
+      ->name;
+}
+
 std::vector<pmu> read_pmus(const file_reader& machine) {
   const std::string devices = "sys/bus/event_source/devices";
   std::vector<std::string> names;
@@ -116,6 +137,7 @@ std::vector<pmu> read_pmus(const file_reader& machine) {
     const std::string folder = devices + "/" + name + "/";
     const uint64_t type = machine.read_u64((folder + "type").c_str());
     pmu unit;
+    unit.name = name;
     unit.type = static_cast<uint32_t>(type);
     unit.cpus = parse_cpu_list(machine.read_line((folder + "cpus").c_str()));
     unit.core = !unit.cpus.empty();

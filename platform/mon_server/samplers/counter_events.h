@@ -16,6 +16,7 @@ using counter_member = uint64_t perf_counters::*;
 // A performance monitoring unit of /sys/bus/event_source/devices. Clusters of different cores have
 // one each.
 struct pmu {
+  std::string name;
   uint32_t type = 0;                // as in perf_event_attr
   bool core = false;                // of CPUs, not of something that they share
   std::vector<int32_t> cpus;        // that it counts on, ascending
@@ -30,6 +31,11 @@ struct planned_event {
   uint32_t type = 0;
   uint64_t config = 0;
 };
+
+std::vector<counter_member> all_counters();
+
+// As its field of perf_counters is called.
+const char* counter_name(counter_member counter);
 
 std::vector<pmu> read_pmus(const file_reader& machine);
 

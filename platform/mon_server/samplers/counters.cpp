@@ -103,6 +103,7 @@ int counter_set::open() {
 
 int counter_set::open_on_all(size_t most_events) {
   groups.clear();
+  refused.clear();
   online_cpus = reader.read_line(online_path);
   const std::vector<int32_t> cpus = parse_cpu_list(online_cpus);
   const std::vector<pmu> pmus = read_pmus(reader);
@@ -142,13 +143,26 @@ int counter_set::open_cpu(const std::vector<pmu>& pmus, int32_t cpu, size_t most
     if (error == -EMFILE) {
       return error;
     }
-    opened += error == 0 ? 1 : 0;
+    if (error == 0) {
+      ++opened;
+    } else {
+      note_refusal(event.counter, error);
+    }
     first_error = first_error == 0 ? error : first_error;
   }
   if (group.count > 0) {
     groups.push_back(std::move(group));
   }
   return first_error;
+}
+
+void counter_set::note_refusal(counter_member counter, int error) {
+  const bool known =
+      std::any_of(refused.begin(), refused.end(),
+                  [counter](const refused_counter& one) { return one.counter == counter; });
+  if (!known) {
+    refused.push_back({counter, error});
+  }
 }
 
 int counter_set::open_event(const planned_event& event, int32_t cpu, open_group& group) {

@@ -50,6 +50,13 @@ class counter_set {
   // Some counters are left out for want of descriptors.
   bool lacks_descriptors = false;
 
+  // Counters whose event did not open, on whichever CPU first, and why: a negative errno.
+  struct refused_counter {
+    counter_member counter;
+    int error;
+  };
+  std::vector<refused_counter> refused;
+
   // Opens anew when a CPU has come or gone, or gone and come back, since the events of a CPU that
   // goes end with it.
   int read(counter_reading& reading);
@@ -64,6 +71,7 @@ class counter_set {
   };
 
   int open_on_all(size_t most_events);
+  void note_refusal(counter_member counter, int error);
   int open_cpu(const std::vector<pmu>& pmus, int32_t cpu, size_t most_events);
   static int open_event(const planned_event& event, int32_t cpu, open_group& group);
   static bool read_group(const open_group& group, group_reading& reading);

@@ -53,9 +53,17 @@ int for_each_name(int folder_fd, taker take, size_t call_size = listing_buffer_s
 
 }  // namespace
 
-file_reader::file_reader(const std::string& root)
+file_reader::file_reader(const std::string& root, std::vector<read_note>* notes)
     : own_machine(root.empty() || root == "/"),
-      root_fd(open(own_machine ? "/" : root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {}
+      root_fd(open(own_machine ? "/" : root.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)),
+      taken_notes(notes) {}
+
+int file_reader::noted(const char* path, int result) const {
+  if (taken_notes != nullptr) {
+    taken_notes->push_back({path, std::min(result, 0)});
+  }
+  return result;
+}
 
 int file_reader::read(const char* path, std::string& content) const {
   size_t length = 0;
@@ -72,17 +80,17 @@ int file_reader::read(const char* path, std::string& content) const {
     length += static_cast<size_t>(size);
   }
   content.resize(error == 0 ? length : 0);
-  return error;
+  return noted(path, error);
 }
 
 int file_reader::read(const char* path, char* buffer, size_t size) const {
   int error = 0;
   const file_descriptor fd = open_regular_file(root_fd.get(), path, error);
   if (error != 0) {
-    return error;
+    return noted(path, error);
   }
   const ssize_t length = ::read(fd.get(), buffer, size);
-  return length < 0 ? -errno : static_cast<int>(length);
+  return noted(path, length < 0 ? -errno : static_cast<int>(length));
 }
 
 uint64_t file_reader::read_u64(const char* path) const {
@@ -111,7 +119,7 @@ int file_reader::list(const char* path, std::vector<std::string>& names) const {
   names.clear();
   const file_descriptor fd = open_folder(path);
   if (!fd) {
-    return -errno;
+    return noted(path, -errno);
   }
   const int result = for_each_name(fd.get(), [&names](const char* name) {
     if (name[0] != '.') {
@@ -120,7 +128,7 @@ int file_reader::list(const char* path, std::vector<std::string>& names) const {
     return true;
   });
   std::sort(names.begin(), names.end(), natural_less);
-  return result;
+  return noted(path, result);
 }
 
 int file_reader::read_link(const char* path, char* buffer, size_t size) const {

@@ -14,13 +14,20 @@ namespace samplers {
 // Longer files are cut here; /proc/stat of 1024 CPUs stays well below.
 constexpr size_t max_file_size = 1 << 20;
 
+// What a reader was asked for and what came of it, for whoever tells where figures come from.
+struct read_note {
+  std::string path;
+  int error;  // 0 or a negative errno
+};
+
 // Reads below one folder: the machine's root, a tree that stands for it, or a board folder. Paths
 // are relative to it ("proc/stat"). Results are 0 (or a count) or a negative errno. May be used by
-// several threads at once.
+// several threads at once, unless it takes notes.
 class file_reader {
  public:
-  // "" and "/" are the machine's own root. If `root` cannot be opened every read fails.
-  explicit file_reader(const std::string& root);
+  // "" and "/" are the machine's own root. If `root` cannot be opened every read fails. Adds to
+  // `notes`, unless null, each file and folder that is read.
+  explicit file_reader(const std::string& root, std::vector<read_note>* notes = nullptr);
 
   // The whole file, up to max_file_size. `content` keeps its capacity from call to call.
   int read(const char* path, std::string& content) const;
@@ -50,7 +57,10 @@ class file_reader {
   const bool own_machine;
 
  private:
+  int noted(const char* path, int result) const;
+
   file_descriptor root_fd;
+  std::vector<read_note>* const taken_notes;
 };
 
 // Opens a file below an open folder to read it. Never blocks, not even on a FIFO that lies in a

@@ -32,6 +32,9 @@ class process_bpu {
   // /dev/accel), and for processes that this server may not look into.
   void add_to(const file_reader& machine, process_sample& sample);
 
+  // There was an accelerator when the last sample was taken.
+  bool has_accelerator() const { return turn != 0; }
+
  private:
   struct open_file {
     int32_t pid;
@@ -57,7 +60,7 @@ class process_bpu {
   bool searching = true;     // a device was opened, and not all processes have been asked since
   bool searched = false;     // all were asked once: what is found now was opened since
   process_walk walk;
-  uint32_t turn = 0;  // counts samples
+  uint32_t turn = 0;  // counts samples; 0 without an accelerator
   std::set<open_file> files;
   std::map<std::string, client> clients;
   process_accounts busy;  // ns

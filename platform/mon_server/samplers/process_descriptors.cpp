@@ -1,8 +1,6 @@
 #include "samplers/process_descriptors.h"
 
 #include <linux/capability.h>
-#include <sys/stat.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,6 +8,8 @@
 #include <cstdio>
 #include <utility>
 #include <vector>
+
+#include "samplers/rights.h"
 
 namespace samplers {
 namespace {
@@ -19,9 +19,6 @@ constexpr size_t path_size = 64;
 // A process may become another user's, when it runs a program that has the set-user-ID bit: what is
 // known of each is asked for again after so many samples.
 constexpr uint32_t forget_turns = 64;
-
-// Inode number of the user namespace that the system started with (include/linux/proc_ns.h).
-constexpr ino_t initial_user_namespace = 0xeffffffd;
 
 }  // namespace
 
@@ -59,16 +56,9 @@ int for_some_descriptors(const file_reader& machine, int32_t pid, int32_t& next,
   return result;
 }
 
-// Capabilities of another user namespace than the first say nothing about everybody.
-bool descriptor_rights::may_see_everybody() {
-  __user_cap_header_struct header{_LINUX_CAPABILITY_VERSION_3, 0};
-  __user_cap_data_struct sets[_LINUX_CAPABILITY_U32S_3] = {};
-  struct stat users {};
-  if (syscall(SYS_capget, &header, sets) != 0 || stat("/proc/self/ns/user", &users) != 0) {
-    return false;
-  }
-  constexpr uint32_t wanted = 1U << CAP_SYS_PTRACE | 1U << CAP_DAC_READ_SEARCH;
-  return (sets[0].effective & wanted) == wanted && users.st_ino == initial_user_namespace;
+bool sees_everybody() {
+  return has_capability(CAP_SYS_PTRACE) && has_capability(CAP_DAC_READ_SEARCH) &&
+         in_initial_user_namespace();
 }
 
 // Opening the folder takes the rights of its owner, and following what is in it those to trace the

@@ -31,6 +31,10 @@ class descriptor_link {
 int for_some_descriptors(const file_reader& machine, int32_t pid, int32_t& next,
                          const std::function<bool(int32_t, std::string_view)>& take);
 
+// With CAP_SYS_PTRACE and CAP_DAC_READ_SEARCH, and not of another user namespace than the first:
+// those say nothing about everybody.
+bool sees_everybody();
+
 // Whose descriptors this server may see: everybody's with CAP_SYS_PTRACE and CAP_DAC_READ_SEARCH,
 // else mostly those of its own user, as each process is asked for.
 class descriptor_rights {
@@ -44,11 +48,10 @@ class descriptor_rights {
     bool seen = false;
   };
 
-  const bool everybody = may_see_everybody();
+  const bool everybody = sees_everybody();
   uint32_t turn = 0;                             // counts samples
   std::unordered_map<int32_t, asked> processes;  // by process id
 
-  static bool may_see_everybody();
   bool may_see(const file_reader& machine, const process_entry& process);
 };
 

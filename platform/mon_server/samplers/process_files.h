@@ -42,6 +42,9 @@ class process_files {
   void release();
   size_t kept_open() const { return open_files; }
 
+  // Those that have not run are left alone: the kernel tells which.
+  bool leaves_idle_alone() const { return schedule_known; }
+
  private:
   // The scheduler's figures of a thread; proc(5), /proc/PID/schedstat.
   struct schedule {

@@ -61,7 +61,8 @@ void process_net::add_to(const file_reader& machine, int64_t young_us, process_s
   const int64_t now_us = monotonic_us();
   const int64_t kept_us = std::max(young_us, rest_after_dump * dump_cost_us);
   if (dumped_us == 0 || now_us - dumped_us >= kept_us) {
-    if (dump.read(dumped) != 0) {
+    last_dump_error = dump.read(dumped);
+    if (last_dump_error != 0) {
       return;
     }
     ++turn;

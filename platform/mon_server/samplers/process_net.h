@@ -32,6 +32,9 @@ class process_net {
   // cost.
   void add_to(const file_reader& machine, int64_t young_us, process_sample& sample);
 
+  // What the kernel answered when it was asked for its sockets last: 0 or a negative errno.
+  int dump_error() const { return last_dump_error; }
+
  private:
   struct known_socket {
     uint64_t bytes = 0;
@@ -63,6 +66,7 @@ class process_net {
 
   socket_dump dump;
   std::vector<tcp_socket> dumped;
+  int last_dump_error = 0;
   int64_t dumped_us = 0;      // when the last dump had been dealt with; 0: never
   int64_t dump_cost_us = 0;   // with what followed
   uint64_t dumped_ticks = 0;  // uptime at the dump

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <tuple>
 #include <utility>
 
@@ -57,24 +56,12 @@ int process_sampler::read(bool threads, int64_t net_young_us, process_sample& sa
 int process_sampler::read_entries(process_sample& sample) {
   if (!std::exchange(iterator_tried, true) && options.use_bpf && reader->own_machine) {
     iterator = std::make_unique<task_iterator>();
-    iterator_error = spare_descriptors() > 0 ? iterator->open(iterator_said) : -EMFILE;
-    if (iterator_error != 0) {
+    refusal.error = spare_descriptors() > 0 ? iterator->open(refusal.said) : -EMFILE;
+    if (refusal.error != 0) {
       iterator.reset();
     }
   }
   return iterator ? read_tasks(sample) : read_files(sample);
-}
-
-std::string process_sampler::way() const {
-  if (iterator) {
-    return "processes are read by a BPF program";
-  }
-  const std::string files = "processes are read from files of /proc";
-  if (iterator_error == 0) {
-    return files;
-  }
-  const std::string why = files + ", not by BPF: " + strerror(-iterator_error);
-  return iterator_said.empty() ? why : why + " (" + iterator_said + ")";
 }
 
 int process_sampler::read_tasks(process_sample& sample) {
@@ -127,12 +114,12 @@ int process_sampler::read_files(process_sample& sample) {
     other.release();
   }
   shown_us = sample.time_us;
-  const size_t most = most_kept();
+  const size_t most = most_files_kept();
   return shown.read(*reader, most - std::min(most, other.kept_open()), sample.entries);
 }
 
 // Half of what is to spare; counters may have the rest.
-size_t process_sampler::most_kept() const {
+size_t process_sampler::most_files_kept() const {
   return std::min(options.keep_files, spare_descriptors() / 2);
 }
 

@@ -24,6 +24,12 @@ struct process_sampler_options {
   bool use_bpf = true;
 };
 
+// Why processes are not read by BPF though they were to be.
+struct bpf_refusal {
+  int error = 0;     // of task_iterator::open(), a negative errno; 0: it was not asked
+  std::string said;  // what open() gave as the kernel's and libbpf's own words; may be empty
+};
+
 class process_sampler {
  public:
   process_sampler(std::shared_ptr<const file_reader> machine,
@@ -33,9 +39,13 @@ class process_sampler {
   // `net_young_us`. 0 or a negative errno, after which the sample is of no use.
   int read(bool threads, int64_t net_young_us, process_sample& sample);
 
-  // How samples are taken, in words for the log. Known once one has been.
-  std::string way() const;
+  // How samples are taken. Known once one has been.
   bool uses_bpf() const { return iterator != nullptr; }
+  const bpf_refusal& why_not_bpf() const { return refusal; }
+  bool leaves_idle_alone() const { return process_reader.leaves_idle_alone(); }
+  size_t most_files_kept() const;
+  int sockets_error() const { return net.dump_error(); }
+  bool has_accelerator() const { return bpu.has_accelerator(); }
 
   // Closes the files of /proc that are kept open, for when nobody asks for samples.
   void release();
@@ -45,7 +55,6 @@ class process_sampler {
   int read_tasks(process_sample& sample);
   void find_hidden(process_files& files, const process_sample& sample);
   int read_files(process_sample& sample);
-  size_t most_kept() const;
 
   const std::shared_ptr<const file_reader> reader;
   const process_sampler_options options;
@@ -54,8 +63,7 @@ class process_sampler {
   int64_t processes_read_us = 0;  // when the files of each view were last read
   int64_t threads_read_us = 0;
   bool iterator_tried = false;
-  int iterator_error = 0;                   // why it is not to be had, a negative errno
-  std::string iterator_said;                // the kernel's own words about it
+  bpf_refusal refusal;
   std::unique_ptr<task_iterator> iterator;  // null: not to be had
   task_entries entries_of_tasks;
   std::vector<task_record> tasks;

@@ -2,7 +2,6 @@
 
 #include <bpf/bpf.h>
 #include <bpf/libbpf.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +11,7 @@
 #include <memory>
 #include <string_view>
 
+#include "samplers/rights.h"
 #include "samplers/text.h"
 
 // The object that tasks.bpf.c is compiled to.
@@ -30,18 +30,9 @@ extern "C" const char tasks_object_end[] __attribute__((visibility("hidden")));
 namespace samplers {
 namespace {
 
-// The inode number of the initial pid namespace (PROC_PID_INIT_INO in the kernel's proc_ns.h). The
-// records have the pids of that one.
-constexpr ino_t initial_pid_namespace = 0xEFFFFFFC;
-
 struct object_deleter {
   void operator()(bpf_object* object) const { bpf_object__close(object); }
 };
-
-bool in_initial_pid_namespace() {
-  struct stat status {};
-  return stat("/proc/self/ns/pid", &status) == 0 && status.st_ino == initial_pid_namespace;
-}
 
 // The verifier's log tells of each instruction up to the one that it refuses, and why, in its last
 // lines. Without a log libbpf's first lines tell most, since what follows are their consequences;
@@ -114,11 +105,9 @@ thread_local std::string library_warnings::text;
 
 int task_iterator::open(std::string& said) {
   if (!in_initial_pid_namespace()) {
-    said = "this is not the initial pid namespace";
     return -EOPNOTSUPP;
   }
   if (access("/sys/kernel/btf/vmlinux", F_OK) != 0) {
-    said = "the kernel has no types of its own, CONFIG_DEBUG_INFO_BTF";
     return -ENOENT;
   }
   const library_warnings warnings;

@@ -5,8 +5,7 @@
 
 namespace samplers {
 
-int task_iterator::open(std::string& said) {
-  said = "this program was built without it";
+int task_iterator::open(std::string&) {
   return -EOPNOTSUPP;
 }
 

@@ -93,6 +93,13 @@ std::vector<int32_t> parse_cpu_list(std::string_view text) {
   return cpus;
 }
 
+std::string printable(std::string_view text) {
+  std::string clean(text);
+  std::replace_if(
+      clean.begin(), clean.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
+  return clean;
+}
+
 bool natural_less(std::string_view a, std::string_view b) {
   const std::string_view whole_a = a;
   const std::string_view whole_b = b;

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -30,6 +31,10 @@ std::vector<int32_t> parse_cpu_list(std::string_view text);
 
 // Orders runs of digits by their value: bpu2 before bpu10.
 bool natural_less(std::string_view a, std::string_view b);
+
+// The text with a '?' for each byte that is not printable ASCII: names come from whoever chose
+// them.
+std::string printable(std::string_view text);
 
 // Cuts `name` to its field and pads it with NULs.
 template <size_t size>
