@@ -54,7 +54,7 @@ void switch_perf_off() {
 
 int take_perf_counters(cpu_stat_manager& cpu) {
   int ret = cpu.enable_perf_mon();
-  if (ret == counters_taken) {
+  if (ret == counters_taken_errno) {
     LOG_W("Perf monitor only support one client, force show in this client\n");
     ret = cpu.disable_perf_mon();
     if (ret < 0) {

@@ -101,7 +101,7 @@ void fill_perf_panel(zorva& monitor, windows_manager& winds, std::shared_ptr<win
   }
   std::stringstream ss;
   const unsigned turn = turn_of_counters();
-  if (monitor.cpu->get_perf_data(&ss) == counters_taken) {
+  if (monitor.cpu->get_perf_data(&ss) == counters_taken_errno) {
     lose_perf_counters(winds, turn);
   }
   wperf->publish(or_blank(ss));

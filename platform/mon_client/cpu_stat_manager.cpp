@@ -151,7 +151,7 @@ void cpu_stat_manager::update_command_lines(client_comm& comm,
 }
 
 int cpu_stat_manager::enable_perf_mon() {
-  const int ret = requests::order_and_hold(*this, mon_protocol::cpu_enable_perf);
+  const int ret = requests::command_and_hold(*this, mon_protocol::cpu_enable_perf);
   perf_refused = ret == -EBUSY;
   return ret;
 }
@@ -165,8 +165,8 @@ int cpu_stat_manager::disable_perf_mon() {
     if (!take_over && !comm.holds(mon_protocol::cmd_cpu, mon_protocol::cpu_enable_perf)) {
       return 0;
     }
-    return requests::order_release(comm, mon_protocol::cmd_cpu, mon_protocol::cpu_disable_perf,
-                                   mon_protocol::cpu_enable_perf);
+    return requests::command_release(comm, mon_protocol::cmd_cpu, mon_protocol::cpu_disable_perf,
+                                     mon_protocol::cpu_enable_perf);
   });
 }
 

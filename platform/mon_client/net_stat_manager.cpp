@@ -36,7 +36,7 @@ net_stat_manager::net_stat_manager(const std::string& ip, int port)
 net_stat_manager::~net_stat_manager() = default;
 
 int net_stat_manager::start_net_monitor() {
-  return requests::order_and_hold(*this, mon_protocol::net_start);
+  return requests::command_and_hold(*this, mon_protocol::net_start);
 }
 
 int net_stat_manager::get_bandwidth_stat(std::ostream* os) {
@@ -51,7 +51,7 @@ int net_stat_manager::get_bandwidth_stat(std::ostream* os) {
 
 int net_stat_manager::exit_net_monitor() {
   return requests::with_connection(*this, [](client_comm& comm) {
-    return requests::order_release(comm, mon_protocol::cmd_net, mon_protocol::net_exit,
-                                   mon_protocol::net_start);
+    return requests::command_release(comm, mon_protocol::cmd_net, mon_protocol::net_exit,
+                                     mon_protocol::net_start);
   });
 }

@@ -50,13 +50,13 @@ int ask(request_handler& handler, uint16_t sub_command, const void* payload, siz
 }
 
 // A request whose answer has no payload.
-inline int order(request_handler& handler, uint16_t sub_command) {
+inline int command(request_handler& handler, uint16_t sub_command) {
   return ask(handler, sub_command, nullptr, 0, [](client_comm&) { return 0; });
 }
 
 // A request that makes the server hold something for this client, to be held again on a new
 // connection.
-inline int order_and_hold(request_handler& handler, uint16_t sub_command) {
+inline int command_and_hold(request_handler& handler, uint16_t sub_command) {
   return ask(handler, sub_command, nullptr, 0, [&](client_comm& comm) {
     comm.hold(static_cast<uint16_t>(handler.request_cmd), sub_command);
     return 0;
@@ -65,7 +65,8 @@ inline int order_and_hold(request_handler& handler, uint16_t sub_command) {
 
 // The request `sub_command`, which lets go of what `held` made the server hold. That counts even
 // when the server cannot be told.
-inline int order_release(client_comm& comm, uint16_t command, uint16_t sub_command, uint16_t held) {
+inline int command_release(client_comm& comm, uint16_t command, uint16_t sub_command,
+                           uint16_t held) {
   comm.release(command, held);
   const int ret = comm.request(command, sub_command, nullptr, 0);
   return ret < 0 ? ret : 0;

@@ -107,8 +107,8 @@ void command_lines::read_if_due(const samplers::process_identity& process, line&
   if (kept.version != 0) {
     const bool same_name = samplers::same_name(kept.comm, process.comm);
     const bool has_run = kept.activity != process.activity;
-    const int64_t young_us = has_run ? again_us : again_without_activity_us;
-    if (same_name && (now_us - kept.read_us < young_us || read_again >= most_again)) {
+    const int64_t max_age_us = has_run ? again_us : again_without_activity_us;
+    if (same_name && (now_us - kept.read_us < max_age_us || read_again >= most_again)) {
       return;
     }
     ++read_again;

@@ -29,7 +29,7 @@ constexpr size_t slow_threads = 5;
 
 // A read on another thread takes the server 80 us, twice what the rest of the answer does, and what
 // is swapped moves slowly.
-constexpr int64_t zram_young_us = 5000000;
+constexpr int64_t zram_max_age_us = 5000000;
 
 template <class record>
 std::vector<uint8_t> bytes_of(const std::vector<record>& records) {
@@ -54,7 +54,7 @@ answer success(const std::vector<record>& records) {
 template <class sample, class reader, class rates>
 answer answer_rates(snapshot_source<sample>& source, rate_interval<sample>& interval, reader read,
                     rates rates_of) {
-  const int error = source.end_interval(interval, read);
+  const int error = source.sample_into(interval, read);
   if (error < 0) {
     return status_only(error);
   }
@@ -175,16 +175,16 @@ void exit_process_monitoring(session_state& state, machine_figures& figures) {
 
 // The files of CPUs and memory are read once for those who ask for these as well.
 system_stat newest_system(session_state& state, machine_figures& figures) {
-  const int64_t young_us = state.system.young_us();
+  const int64_t max_age_us = state.system.max_age_us();
   const auto read = [&](samplers::system_sample& sample, const samplers::system_sample*) {
     std::shared_ptr<const samplers::cpu_sample> cpus;
     std::shared_ptr<const samplers::memory_sample> memory;
-    figures.cpus.newest(young_us, cpu_reader(figures), cpus);
-    figures.memory.newest(young_us, memory_reader(figures), memory);
+    figures.cpus.newest(max_age_us, cpu_reader(figures), cpus);
+    figures.memory.newest(max_age_us, memory_reader(figures), memory);
     figures.system_sampler.read(*figures.root, cpus.get(), memory.get(), sample);
     return 0;
   };
-  figures.system.end_interval(state.system, read);
+  figures.system.sample_into(state.system, read);
   return samplers::system_figures(state.system.before.get(), *state.system.now);
 }
 
@@ -198,7 +198,7 @@ void handle_system(session_state& state, machine_figures& figures, const replier
   };
   const std::vector<std::string>& devices = figures.system_sampler.zram_devices();
   const bool young =
-      figures.zram_us != 0 && samplers::monotonic_us() - figures.zram_us < zram_young_us;
+      figures.zram_us != 0 && samplers::monotonic_us() - figures.zram_us < zram_max_age_us;
   if (devices.empty()) {
     figures.zram = {};
   }
@@ -216,7 +216,7 @@ void handle_system(session_state& state, machine_figures& figures, const replier
     figures.zram_us = samplers::monotonic_us();
     finish();
   };
-  figures.drivers.ask({"zram", "zram", &state}, zram_young_us, read, take);
+  figures.drivers.ask({"zram", "zram", &state}, zram_max_age_us, read, take);
 }
 
 // Has a driver's figures read on another thread. `sampler` fills records and returns 0 or a
@@ -229,9 +229,9 @@ void answer_slowly(slow_reader& reader, const char* key, client_cycle& cycle, sa
     sample(records);
     return bytes_of(records);
   };
-  const int64_t young_us = cycle.young_us();
-  cycle.ask();
-  reader.ask({key, key, &cycle}, young_us, read,
+  const int64_t max_age_us = cycle.max_age_us();
+  cycle.note_request();
+  reader.ask({key, key, &cycle}, max_age_us, read,
              [reply](const std::shared_ptr<const slow_reader::bytes>& result) {
                reply(result ? answer{0, *result} : status_only(-ETIMEDOUT));
              });
@@ -273,13 +273,6 @@ struct partition_answer {
   replier reply;
 };
 
-part_info unknown_partition(const std::string& path) {
-  part_info part{};
-  path.copy(part.part_name, sizeof part.part_name);
-  part.f_bavail = part.f_blocks = part.f_frsize = part.blocks_used = unknown_u64;
-  return part;
-}
-
 // What a question to the mount of `device` gives: a record, and behind it where on another mount
 // the path leads if it does. One that was mounted over the path since the question was put, and may
 // be dead, is another as well.
@@ -287,7 +280,7 @@ slow_reader::bytes read_on_mount(samplers::current_mounts& current, const std::s
                                  std::string path) {
   const auto mounts = current.get();
   const auto is_elsewhere = [&] { return mounts->find(path).device != device; };
-  part_info part = unknown_partition("");
+  part_info part = samplers::unknown_partition("");
   const bool found = is_elsewhere() || samplers::follow_links(*mounts, path) == 0;
   const bool elsewhere = found && is_elsewhere();
   if (found && !elsewhere) {
@@ -315,7 +308,7 @@ void finish_partition(partition_answer& pending, size_t index, const part_info* 
 // Asks the mount that the path lies on, and then those that its symbolic links lead to, up to
 // `mounts_left`. Nothing else is touched: a mount that hangs holds up its own paths only.
 void ask_partition(machine_figures& figures, const std::shared_ptr<partition_answer>& pending,
-                   size_t index, int64_t young_us, const std::string& path, int mounts_left) {
+                   size_t index, int64_t max_age_us, const std::string& path, int mounts_left) {
   if (path.empty() || mounts_left == 0) {
     return finish_partition(*pending, index, nullptr);
   }
@@ -325,13 +318,13 @@ void ask_partition(machine_figures& figures, const std::shared_ptr<partition_ans
   };
   const auto take = [=, &figures](const std::shared_ptr<const slow_reader::bytes>& result) {
     if (result && result->size() > sizeof(part_info)) {
-      return ask_partition(figures, pending, index, young_us,
+      return ask_partition(figures, pending, index, max_age_us,
                            {result->begin() + sizeof(part_info), result->end()}, mounts_left - 1);
     }
     finish_partition(*pending, index,
                      result ? reinterpret_cast<const part_info*>(result->data()) : nullptr);
   };
-  figures.partitions.ask({path, lane, pending->client}, young_us, read, take);
+  figures.partitions.ask({path, lane, pending->client}, max_age_us, read, take);
 }
 
 void handle_partitions(const std::vector<uint8_t>& payload, session_state& state,
@@ -346,7 +339,7 @@ void handle_partitions(const std::vector<uint8_t>& payload, session_state& state
   for (size_t i = 0; i < count; ++i) {
     const char* path = reinterpret_cast<const char*>(payload.data()) + i * path_size;
     paths.emplace_back(path, strnlen(path, path_size));
-    pending->parts.push_back(unknown_partition(paths.back()));
+    pending->parts.push_back(samplers::unknown_partition(paths.back()));
     if (paths.back().size() == path_size) {
       return reply(status_only(-EINVAL));
     }
@@ -354,14 +347,14 @@ void handle_partitions(const std::vector<uint8_t>& payload, session_state& state
   if (paths.empty()) {
     return reply({});
   }
-  const int64_t young_us = state.partitions.young_us();
-  state.partitions.ask();
+  const int64_t max_age_us = state.partitions.max_age_us();
+  state.partitions.note_request();
   pending->missing = paths.size();
   pending->client = &state;
   pending->reply = reply;
   constexpr int most_mounts = 8;
   for (size_t i = 0; i < paths.size(); ++i) {
-    ask_partition(figures, pending, i, young_us, samplers::normal_path(paths[i]), most_mounts);
+    ask_partition(figures, pending, i, max_age_us, samplers::normal_path(paths[i]), most_mounts);
   }
 }
 

@@ -38,7 +38,7 @@ constexpr int64_t rest_after_sample = 3;
 
 // The lists that were made last. Clients of one view and sort key mostly ask for the same one;
 // those whose cycles are out of step see other samples.
-class ranked_processes {
+class list_cache {
  public:
   // The list of the interval by the key: one that was made before, or a new one.
   std::shared_ptr<const process_list> list(const process_lists::interval& over, int sort_key) {
@@ -171,11 +171,11 @@ struct process_lists::maker : std::enable_shared_from_this<maker> {
   result make(request wanted) {
     result made;
     made.over = std::move(wanted.over);
-    const int64_t young_us = made.over.young_us();
+    const int64_t max_age_us = made.over.max_age_us();
     const auto read = [&](samplers::process_sample& sample, const samplers::process_sample*) {
-      return sampler.read(wanted.threads, young_us, sample);
+      return sampler.read(wanted.threads, max_age_us, sample);
     };
-    made.error = (wanted.threads ? threads : processes).end_interval(made.over, read);
+    made.error = (wanted.threads ? threads : processes).sample_into(made.over, read);
     if (made.error < 0) {
       return made;
     }
@@ -218,7 +218,7 @@ struct process_lists::maker : std::enable_shared_from_this<maker> {
   samplers::process_sampler sampler;
   snapshot_source<samplers::process_sample> processes{rest_after_sample};
   snapshot_source<samplers::process_sample> threads{rest_after_sample};
-  ranked_processes ranked;
+  list_cache ranked;
   bool way_told = false;  // the log says how processes are read
 };
 
@@ -261,7 +261,7 @@ bool process_lists::answer_at_once(const list_kind& kind, interval& over,
                                    const reply& to_answer) const {
   const auto made = made_last.find(kind);
   if (made == made_last.end() || !over.now || made->second.before.lock() != over.now ||
-      samplers::monotonic_us() - made->second.made_us >= over.young_us()) {
+      samplers::monotonic_us() - made->second.made_us >= over.max_age_us()) {
     return false;
   }
   const auto now = made->second.now.lock();

@@ -96,7 +96,7 @@ void session::start() {
 void session::read_more() {
   socket.async_read_some(asio::buffer(incoming.data() + filled, incoming.size() - filled),
                          [self = shared_from_this()](const asio::error_code& error, size_t length) {
-                           if (!self->over(error)) {
+                           if (!self->end_on(error)) {
                              self->filled += length;
                              self->guard([&self] { self->take_message(); });
                            }
@@ -180,7 +180,7 @@ void session::send() {
   unread_us = samplers::monotonic_us();
   asio::async_write(socket, asio::buffer(outgoing.data() + sent, outgoing.size() - sent),
                     [self = shared_from_this()](const asio::error_code& failed, size_t) {
-                      if (!self->over(failed)) {
+                      if (!self->end_on(failed)) {
                         self->unread_us = 0;
                         samplers::empty_with_room(self->outgoing);
                         self->guard([&self] { self->take_next(); });
@@ -201,7 +201,7 @@ void session::take_next() {
 
 // What had succeeded before the connection was closed is still delivered after it, and must not
 // make the session hold anything again.
-bool session::over(const asio::error_code& error) {
+bool session::end_on(const asio::error_code& error) {
   if (error) {
     end("");
   }

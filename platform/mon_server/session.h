@@ -58,7 +58,7 @@ class session : public std::enable_shared_from_this<session> {
   void answer_with(const answer& result);
   void send();
   void take_next();
-  bool over(const asio::error_code& error);
+  bool end_on(const asio::error_code& error);
 
   asio::ip::tcp::socket socket;
   std::string peer;  // address and port, for the log

@@ -134,13 +134,14 @@ slow_reader::~slow_reader() {
   pool->stop();
 }
 
-void slow_reader::ask(const place& where, int64_t young_us, const job& read, const reply& answer) {
+void slow_reader::ask(const place& where, int64_t max_age_us, const job& read,
+                      const reply& answer) {
   forget_old();
   const int64_t now_us = samplers::monotonic_us();
   const auto known = entries.find(where.key);
   if (known != entries.end() && known->second.result) {
     entry& slot = known->second;
-    if (slot.not_seen || now_us - slot.ended_us < std::max(young_us, least_kept_us(slot))) {
+    if (slot.not_seen || now_us - slot.ended_us < std::max(max_age_us, least_kept_us(slot))) {
       slot.not_seen = false;
       answer(slot.result);
       return;

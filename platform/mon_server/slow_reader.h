@@ -35,10 +35,10 @@ class slow_reader {
     const void* client;
   };
 
-  // Answers with the result of the read at `where`: of one that ended less than `young_us` ago
+  // Answers with the result of the read at `where`: of one that ended less than `max_age_us` ago
   // (half a second at least, a second at most; three if it is empty), of the one that is under way,
   // or of `read`.
-  void ask(const place& where, int64_t young_us, const job& read, const reply& answer);
+  void ask(const place& where, int64_t max_age_us, const job& read, const reply& answer);
 
  private:
   struct waiter;

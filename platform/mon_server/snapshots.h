@@ -16,13 +16,13 @@
 // How often a client asks for a figure, and how old one may be that it is given.
 class client_cycle {
  public:
-  void ask() { asked_us = samplers::monotonic_us(); }
+  void note_request() { asked_us = samplers::monotonic_us(); }
 
   // Four fifths of the time since the client asked last. However many clients there are, one sample
   // a cycle then mostly serves them all, and rates stay true, since they are over the time between
   // samples. A tenth of a second is ten clock ticks, below which CPU shares would be mostly
   // rounding.
-  int64_t young_us() const {
+  int64_t max_age_us() const {
     constexpr int64_t shortest_us = 100000;
     constexpr int64_t longest_us = 800000;
     const int64_t cycle_us = asked_us != 0 ? samplers::monotonic_us() - asked_us : 0;
@@ -42,7 +42,7 @@ struct rate_interval {
   // Ends the interval with `newest`. The same sample twice leaves the interval, and its rates, as
   // they were.
   void advance(std::shared_ptr<const sample> newest) {
-    cycle.ask();
+    cycle.note_request();
     if (newest != now) {
       before = std::move(now);
       now = std::move(newest);
@@ -59,7 +59,7 @@ struct rate_interval {
     now.reset();
   }
 
-  int64_t young_us() const { return cycle.young_us(); }
+  int64_t max_age_us() const { return cycle.max_age_us(); }
 
   bool resumes = false;  // its samples were let go of
 
@@ -100,27 +100,27 @@ class snapshot_source {
   // may be null, and returns 0 or a negative errno. 0, or why taking one failed, now or when it was
   // tried last; the interval is then left without its start.
   template <class function>
-  int end_interval(rate_interval<sample>& interval, function take) {
-    const int64_t young_us = interval.young_us();
+  int sample_into(rate_interval<sample>& interval, function take) {
+    const int64_t max_age_us = interval.max_age_us();
     if (interval.resumes) {
-      interval.now = is_young(young_us) ? previous.lock() : last;
+      interval.now = is_young(max_age_us) ? previous.lock() : last;
     }
-    if (!is_young(young_us)) {
+    if (!is_young(max_age_us)) {
       interval.before.reset();  // so that its memory may serve for the new one
     }
     std::shared_ptr<const sample> found;
-    const int error = newest(young_us, take, found);
+    const int error = newest(max_age_us, take, found);
     if (error == 0) {
       interval.advance(found);
     }
     return error;
   }
 
-  // The newest sample without an interval: the last one if it is younger than `young_us`, else one
-  // that `take` takes. 0 or a negative errno.
+  // The newest sample without an interval: the last one if it is younger than `max_age_us`, else
+  // one that `take` takes. 0 or a negative errno.
   template <class function>
-  int newest(int64_t young_us, function take, std::shared_ptr<const sample>& found) {
-    if (!is_young(young_us)) {
+  int newest(int64_t max_age_us, function take, std::shared_ptr<const sample>& found) {
+    if (!is_young(max_age_us)) {
       const int64_t started_us = samplers::monotonic_us();
       const std::shared_ptr<sample> taken = new_sample();
       last_error = std::min(take(*taken, last.get()), 0);
@@ -139,8 +139,8 @@ class snapshot_source {
  private:
   // The age counts from the end, or one that took long would be old at once. What failed is not
   // tried again for as long as it took.
-  bool is_young(int64_t young_us) const {
-    const int64_t kept_us = last_error == 0 ? std::max(young_us, rest_factor * cost_us) : cost_us;
+  bool is_young(int64_t max_age_us) const {
+    const int64_t kept_us = last_error == 0 ? std::max(max_age_us, rest_factor * cost_us) : cost_us;
     return ended_us != 0 && samplers::monotonic_us() - ended_us < kept_us;
   }
 

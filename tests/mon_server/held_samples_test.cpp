@@ -41,7 +41,7 @@ TEST(places, who_makes_room) {
 
 using interval = rate_interval<samplers::process_sample>;
 
-void end_interval(interval& over, int64_t time_us, size_t entries) {
+void sample_into(interval& over, int64_t time_us, size_t entries) {
   const auto sample = std::make_shared<samplers::process_sample>();
   sample->time_us = time_us;
   sample->entries.resize(entries);
@@ -56,8 +56,8 @@ TEST(held_samples, oldest_go_first) {
   int64_t time_us = 0;
   for (session_state& state : states) {
     sessions.push_back(&state);
-    end_interval(state.threads, ++time_us, 1000);
-    end_interval(state.threads, ++time_us, 1000);
+    sample_into(state.threads, ++time_us, 1000);
+    sample_into(state.threads, ++time_us, 1000);
   }
   const size_t size = 1000 * sizeof(samplers::process_entry);
   held_samples held;
@@ -82,17 +82,17 @@ TEST(held_samples, a_session_without_its_samples_goes_on) {
   };
   interval lost;
   interval first;
-  source.end_interval(lost, take);
+  source.sample_into(lost, take);
   lost.let_go();
   EXPECT_TRUE(wait_until([&] {  // samples are young for a tenth of a second
     first.reset();
-    source.end_interval(first, take);
+    source.sample_into(first, take);
     return taken == 2;
   }));
   EXPECT_FALSE(first.before);
   EXPECT_TRUE(wait_until([&] {
     lost.let_go();
-    source.end_interval(lost, take);
+    source.sample_into(lost, take);
     return taken == 3;
   }));
   ASSERT_TRUE(lost.before);
@@ -101,8 +101,8 @@ TEST(held_samples, a_session_without_its_samples_goes_on) {
 
 TEST(held_samples, idle_sessions_let_go) {
   session_state state;
-  end_interval(state.processes, 1, 1);
-  end_interval(state.processes, 2, 1);
+  sample_into(state.processes, 1, 1);
+  sample_into(state.processes, 2, 1);
   let_go_when_idle(state, 9 * second_us);
   EXPECT_TRUE(state.processes.before);
   let_go_when_idle(state, 10 * second_us);

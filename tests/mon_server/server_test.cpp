@@ -572,7 +572,7 @@ TEST(snapshots, one_that_takes_long_is_shared_and_kept) {
   };
   for (int client = 0; client < 30; ++client) {
     rate_interval<costly_sample> interval;
-    EXPECT_EQ(source.end_interval(interval, take), 0);
+    EXPECT_EQ(source.sample_into(interval, take), 0);
   }
   EXPECT_EQ(taken, 1);
   error = -EIO;

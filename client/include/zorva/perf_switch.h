@@ -7,7 +7,7 @@ class windows_manager;
 
 // -EBUSY, which a client library answers while another client has the counters, or when it took
 // them.
-constexpr int counters_taken = -16;
+constexpr int counters_taken_errno = -16;
 
 // Takes the counters for this client, from another client if need be, and logs each step and
 // failure. Returns the last status: negative when this client did not get them.

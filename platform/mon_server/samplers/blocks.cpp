@@ -88,8 +88,8 @@ const block_entry* known_in(const block_sample* sample, const block_entry& entry
 
 }  // namespace
 
-int parse_diskstats(std::string_view text, const std::vector<std::string>& whole_devices,
-                    std::vector<block_entry>& entries) {
+void parse_diskstats(std::string_view text, const std::vector<std::string>& whole_devices,
+                     std::vector<block_entry>& entries) {
   entries.clear();
   while (!text.empty() && entries.size() < mon_fields::description<block_stat>::most) {
     block_entry entry;
@@ -100,7 +100,6 @@ int parse_diskstats(std::string_view text, const std::vector<std::string>& whole
       entries.push_back(entry);
     }
   }
-  return 0;
 }
 
 int read_block_sample(const file_reader& machine, block_sample& sample) {
@@ -113,7 +112,8 @@ int read_block_sample(const file_reader& machine, block_sample& sample) {
   }
   std::vector<std::string> whole_devices;
   machine.list("sys/block", whole_devices);
-  return parse_diskstats(content, whole_devices, sample.entries);
+  parse_diskstats(content, whole_devices, sample.entries);
+  return 0;
 }
 
 void doubt_zeros(const block_sample* before, block_sample& now) {

@@ -28,8 +28,8 @@ struct block_sample {
 // Whole devices but those in memory or on a file of another device (ram, zram, loop), in the
 // kernel's order. `whole_devices` are the names of /sys/block, sorted; when it is empty the form of
 // a name says whether it is a partition.
-int parse_diskstats(std::string_view text, const std::vector<std::string>& whole_devices,
-                    std::vector<block_entry>& entries);
+void parse_diskstats(std::string_view text, const std::vector<std::string>& whole_devices,
+                     std::vector<block_entry>& entries);
 int read_block_sample(const file_reader& machine, block_sample& sample);
 
 // Makes counters that are 0 unknown where `before`, the sample taken before, has more: the device

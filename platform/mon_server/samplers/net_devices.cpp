@@ -59,7 +59,7 @@ double rate_between(uint64_t before, uint64_t now, int64_t interval_us) {
 
 }  // namespace
 
-int parse_net_dev(std::string_view text, std::vector<net_entry>& entries) {
+void parse_net_dev(std::string_view text, std::vector<net_entry>& entries) {
   entries.clear();
   while (!text.empty() && entries.size() < mon_fields::description<net_traffic>::most) {
     net_entry entry;
@@ -67,15 +67,14 @@ int parse_net_dev(std::string_view text, std::vector<net_entry>& entries) {
       entries.push_back(entry);
     }
   }
-  return 0;
 }
 
 int read_net_sample(const file_reader& machine, net_sample& sample) {
   std::string content;
   const int error = machine.read("proc/net/dev", content);
   sample.time_us = monotonic_us();
-  const int result = parse_net_dev(content, sample.entries);
-  return error != 0 ? error : result;
+  parse_net_dev(content, sample.entries);
+  return error;
 }
 
 void doubt_zeros(const net_sample* before, net_sample& now) {

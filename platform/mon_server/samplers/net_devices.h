@@ -25,7 +25,7 @@ struct net_sample {
   std::vector<net_entry> entries;  // in the kernel's order
 };
 
-int parse_net_dev(std::string_view text, std::vector<net_entry>& entries);
+void parse_net_dev(std::string_view text, std::vector<net_entry>& entries);
 int read_net_sample(const file_reader& machine, net_sample& sample);
 
 // Makes each count of 0 unknown where `before`, the sample taken before, has more: the device began

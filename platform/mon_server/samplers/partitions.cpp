@@ -9,9 +9,15 @@
 
 namespace samplers {
 
-int read_partition(const char* path, part_info& part) {
+part_info unknown_partition(std::string_view path) {
+  part_info part{};
   copy_name(path, part.part_name);
   part.f_bavail = part.f_blocks = part.f_frsize = part.blocks_used = unknown_u64;
+  return part;
+}
+
+int read_partition(const char* path, part_info& part) {
+  part = unknown_partition(path);
   struct statvfs figures {};
   if (statvfs(path, &figures) != 0) {
     return -errno;

@@ -50,7 +50,7 @@ uint32_t namespace_of_this_process() {
 
 }  // namespace
 
-void process_net::add_to(const file_reader& machine, int64_t young_us, process_sample& sample) {
+void process_net::add_to(const file_reader& machine, int64_t max_age_us, process_sample& sample) {
   if (own_namespace == 0) {
     own_namespace = namespace_of_this_process();
   }
@@ -59,7 +59,7 @@ void process_net::add_to(const file_reader& machine, int64_t young_us, process_s
     return;
   }
   const int64_t now_us = monotonic_us();
-  const int64_t kept_us = std::max(young_us, rest_after_dump * dump_cost_us);
+  const int64_t kept_us = std::max(max_age_us, rest_after_dump * dump_cost_us);
   if (dumped_us == 0 || now_us - dumped_us >= kept_us) {
     last_dump_error = dump.read(dumped);
     if (last_dump_error != 0) {

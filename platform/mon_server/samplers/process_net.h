@@ -28,9 +28,9 @@ class process_net {
   // whose namespace or descriptors this server may not see, and in a tree that stands in for the
   // machine.
   // The kernel walks its whole table of connections for a dump, however few there are, so that one
-  // younger than `young_us` is used again, and one of very many sockets for a multiple of what it
+  // younger than `max_age_us` is used again, and one of very many sockets for a multiple of what it
   // cost.
-  void add_to(const file_reader& machine, int64_t young_us, process_sample& sample);
+  void add_to(const file_reader& machine, int64_t max_age_us, process_sample& sample);
 
   // What the kernel answered when it was asked for its sockets last: 0 or a negative errno.
   int dump_error() const { return last_dump_error; }

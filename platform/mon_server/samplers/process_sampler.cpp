@@ -39,7 +39,7 @@ process_sampler::process_sampler(std::shared_ptr<const file_reader> machine,
                                  const process_sampler_options& sampler_options)
     : reader(std::move(machine)), options(sampler_options) {}
 
-int process_sampler::read(bool threads, int64_t net_young_us, process_sample& sample) {
+int process_sampler::read(bool threads, int64_t net_max_age_us, process_sample& sample) {
   sample.ticks_per_second = sysconf(_SC_CLK_TCK);
   sample.threads = threads;
   sample.time_us = monotonic_us();
@@ -48,7 +48,7 @@ int process_sampler::read(bool threads, int64_t net_young_us, process_sample& sa
   sort_entries(sample);
   give_room_back(sample.entries);
   descriptors.add_to(*reader, sample);
-  net.add_to(*reader, net_young_us, sample);
+  net.add_to(*reader, net_max_age_us, sample);
   bpu.add_to(*reader, sample);
   return result;
 }

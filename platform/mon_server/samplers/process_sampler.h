@@ -36,8 +36,8 @@ class process_sampler {
                   const process_sampler_options& options);
 
   // Takes a sample of the processes, or of all threads; the network figures in it may be as old as
-  // `net_young_us`. 0 or a negative errno, after which the sample is of no use.
-  int read(bool threads, int64_t net_young_us, process_sample& sample);
+  // `net_max_age_us`. 0 or a negative errno, after which the sample is of no use.
+  int read(bool threads, int64_t net_max_age_us, process_sample& sample);
 
   // How samples are taken. Known once one has been.
   bool uses_bpf() const { return iterator != nullptr; }

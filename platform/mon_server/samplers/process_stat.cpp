@@ -23,10 +23,6 @@ constexpr int field_starttime = 22;
 constexpr int field_rss = 24;
 constexpr int field_processor = 39;
 
-int16_t saturate(int64_t value) {
-  return static_cast<int16_t>(std::clamp<int64_t>(value, INT16_MIN, INT16_MAX));
-}
-
 // pid (1) and comm (2), which may hold blanks, parentheses and line ends: it ends at the last ')'
 // of the line. Returns where the rest begins, 0 when the line is cut short.
 size_t parse_pid_and_comm(std::string_view text, process_entry& entry) {

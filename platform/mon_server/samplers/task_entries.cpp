@@ -31,10 +31,6 @@ char state_letter(const task_record& task) {
   return letters[index];
 }
 
-int16_t saturate(int64_t value) {
-  return static_cast<int16_t>(std::clamp<int64_t>(value, INT16_MIN, INT16_MAX));
-}
-
 process_entry entry_of(const task_record& task, const stat_units& units) {
   constexpr int32_t real_time_priorities = 100;
   process_entry entry;

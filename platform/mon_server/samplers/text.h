@@ -36,6 +36,11 @@ bool natural_less(std::string_view a, std::string_view b);
 // them.
 std::string printable(std::string_view text);
 
+// The nearest number that 16 bits hold.
+inline int16_t saturate(int64_t value) {
+  return static_cast<int16_t>(std::clamp<int64_t>(value, INT16_MIN, INT16_MAX));
+}
+
 // Cuts `name` to its field and pads it with NULs.
 template <size_t size>
 void copy_name(std::string_view name, char (&field)[size]) {
