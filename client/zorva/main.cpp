@@ -1,4 +1,6 @@
 // The program's entry: the steps of a run.
+#include <sys/prctl.h>
+
 #include <cerrno>
 #include <cstring>
 #include <iostream>
@@ -72,6 +74,8 @@ void run_reports() {
 int main(int argc, char** argv) {
   std::string ip = "127.0.0.1";
   int port = 1234;
+  // Where a loader was called to start it, it is called ld-linux-...
+  prctl(PR_SET_NAME, "zorva");
   fill_standard_streams();
   signal_guard signals;
   top = new zorva();

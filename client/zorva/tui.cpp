@@ -4,6 +4,8 @@
 #include <signal.h>
 
 #include <clocale>
+#include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <utility>
@@ -73,6 +75,25 @@ std::vector<panel_handle> join_workers(windows_manager& winds) {
   return panels;
 }
 
+// Whether the environment asks for UTF-8, by whatever locale.
+bool wants_utf8() {
+  for (const char* name : {"LC_ALL", "LC_CTYPE", "LANG"}) {
+    const char* value = getenv(name);
+    if (value != nullptr && *value != '\0') {
+      return strcasestr(value, "utf-8") != nullptr || strcasestr(value, "utf8") != nullptr;
+    }
+  }
+  return false;
+}
+
+// Curses then prints what a UTF-8 terminal can show. The locale that ssh hands on from a
+// workstation seldom exists on a board.
+void set_characters() {
+  if (setlocale(LC_CTYPE, "") == nullptr && wants_utf8()) {
+    setlocale(LC_CTYPE, "C.UTF-8");
+  }
+}
+
 // Curses is kept from a handler of its own for SIGTSTP, which would read and set the terminal's
 // modes while others do, and from ignoring that signal during each paint: it does neither where it
 // finds a handler when it begins.
@@ -90,7 +111,7 @@ windows_manager* begin_screen() {
 }  // namespace
 
 void run_tui(signal_guard& signals) {
-  setlocale(LC_CTYPE, "");  // curses then prints what a UTF-8 terminal can show
+  set_characters();
   screen_will_begin();
   {
     const auto hold = signals.hold_off();

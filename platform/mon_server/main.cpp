@@ -1,5 +1,6 @@
 #include <malloc.h>
 #include <pthread.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 
 #include <asio/io_context.hpp>
@@ -115,6 +116,8 @@ int main(int argc, char** argv) {
     case command_line::run:
       break;
   }
+  // Where a loader was called to start it, it is called ld-linux-...
+  prctl(PR_SET_NAME, "mon_server");
   raise_descriptor_limit();
   keep_memory_small();
   // Log lines to a reader that went away must not end the server.

@@ -6,8 +6,8 @@ find_program(BPF_CLANG NAMES clang DOC "The compiler of the BPF program")
 find_program(BPF_STRIP NAMES llvm-strip DOC "Takes debugging information from the BPF program")
 if(NOT BPF_LIBRARY OR NOT BPF_INCLUDE_DIR OR NOT BPF_CLANG)
   message(FATAL_ERROR "Reading processes by BPF needs libbpf with its headers and clang (Debian: libbpf-dev, "
-    "clang). Install them, or set -DZORVA_BPF=OFF: the server then reads processes from files of /proc, at "
-    "some ten times the cost.")
+    "clang). Install them, or set -DZORVA_BPF=OFF: the server then reads processes from files of /proc, "
+    "which costs some three times as much.")
 endif()
 
 set(source ${CMAKE_CURRENT_SOURCE_DIR}/tasks.bpf.c)
