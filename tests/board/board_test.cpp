@@ -14,7 +14,7 @@
 #include <algorithm>
 #include <cmath>
 #include <csignal>
-#include <optional>
+#include <set>
 
 #include "loads.h"
 #include "mon_records.h"
@@ -122,7 +122,7 @@ class session {
     bytes last = list_bytes;
     std::map<pid_t, pid_msg> list;
     EXPECT_TRUE(wait_until([&] {
-      sleep_s(0.3);
+      sleep_s(0.5);
       list = tasks(threads);
       changes += list_bytes != last && status == 0 ? 1 : 0;
       last = list_bytes;
@@ -150,6 +150,12 @@ double busy(const cpu_usage& cpu) {
 std::string name_of(const pid_msg& task) {
   return {task.comm, strnlen(task.comm, sizeof task.comm)};
 }
+
+// An emulated CPU waits for the machine's own now and then, also in the middle of a sample; what
+// shares it with test and server is less steady still.
+constexpr double points = 4;
+constexpr double process_points = 12;
+constexpr double steadiness = 0.3;
 
 // A rate that is not known is no false one.
 bool is_false(float rate, double most) {
@@ -216,7 +222,7 @@ class task_check {
       check_resting(now, after);
       EXPECT_EQ(now.process_usage, 0);
     }
-    EXPECT_FALSE(is_false(now.process_usage, threads ? 105 : 210)) << now.process_usage;
+    EXPECT_FALSE(is_false(now.process_usage, 100 + process_points)) << now.process_usage;
     EXPECT_FALSE(is_false(now.io_per_second, 1e6)) << now.io_per_second;
     EXPECT_FALSE(is_false(now.net_band, 1e6)) << now.net_band;
     EXPECT_TRUE(std::isnan(now.bpu_usage));
@@ -225,17 +231,14 @@ class task_check {
   const bool threads;
 };
 
-// An emulated CPU is not quite steady, and what shares it with test and server less so.
-constexpr double points = 4;
-constexpr double steadiness = 0.3;
-
 class board : public testing::Test {
  protected:
   void check_rates(const task_check& now, bool opened) {
-    EXPECT_NEAR(now.shown.at(load.busy).process_usage, now.cpu_percent.at(load.busy), points);
+    EXPECT_NEAR(now.shown.at(load.busy).process_usage, now.cpu_percent.at(load.busy),
+                process_points);
     for (const auto& [id, shown] : now.shown) {
       if (id == load.threads || shown.ppid == load.threads) {
-        EXPECT_NEAR(shown.process_usage, now.cpu_percent.at(id), 15) << id;
+        EXPECT_NEAR(shown.process_usage, now.cpu_percent.at(id), process_points) << id;
       }
     }
     const float written = now.shown.at(load.writer).io_per_second;
@@ -437,8 +440,8 @@ class hotplug_watch {
   }
   void ask() {
     check(processes.cpus());
-    check(processes.tasks(false), 210);
-    check(threads.tasks(true), 105);
+    check(processes.tasks(false));
+    check(threads.tasks(true));
     const perf_sample sample = counting.counters();
     EXPECT_EQ(counting.status, 0);
     for (const uint64_t count : {sample.counters.cycles, sample.counters.cs}) {
@@ -470,10 +473,11 @@ class hotplug_watch {
     EXPECT_NEAR(busy(cpus[0]), sum / known, known == 1 ? points : 15) << known << " CPUs";
     EXPECT_GT(busy(cpus[1]), 100 - points) << "CPU 0";
   }
-  void check(const std::map<pid_t, pid_msg>& tasks, float most) const {
+  void check(const std::map<pid_t, pid_msg>& tasks) const {
     EXPECT_EQ(tasks.count(busy_process), 1);
     for (const auto& [id, task] : tasks) {
-      EXPECT_FALSE(is_false(task.process_usage, most)) << id << ' ' << task.process_usage;
+      EXPECT_FALSE(is_false(task.process_usage, 100 + process_points))
+          << id << ' ' << task.process_usage;
     }
   }
 
@@ -482,11 +486,16 @@ class hotplug_watch {
 };
 
 // Without the files of /proc that it keeps open as it likes.
-size_t open_descriptors(pid_t pid) {
-  const std::filesystem::directory_iterator files("/proc/" + std::to_string(pid) + "/fd");
-  return static_cast<size_t>(std::count_if(begin(files), end(files), [](const auto& file) {
-    return std::filesystem::read_symlink(file).string().compare(0, 6, "/proc/") != 0;
-  }));
+std::multiset<std::string> open_descriptors(pid_t pid) {
+  std::multiset<std::string> targets;
+  for (const auto& file :
+       std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
+    const std::string target = std::filesystem::read_symlink(file);
+    if (target.compare(0, 6, "/proc/") != 0) {
+      targets.insert(target);
+    }
+  }
+  return targets;
 }
 
 using board_hotplug = board;
@@ -504,11 +513,13 @@ TEST_F(board_hotplug, cpus_that_go_and_come_make_no_figure_false) {
     return word_after("/sys/devices/system/cpu/online", "");
   };
   EXPECT_EQ(switch_cpu("1"), "0-1");
-  const size_t before = open_descriptors(server.pid);
+  const std::multiset<std::string> before = open_descriptors(server.pid);
   for (int turn = 0; turn < 3; ++turn) {
     EXPECT_EQ(switch_cpu("0"), "0");
     EXPECT_EQ(switch_cpu("1"), "0-1");
   }
+  // Some are open for as long as a sample takes.
+  wait_until([&] { return open_descriptors(server.pid) == before; });
   EXPECT_EQ(open_descriptors(server.pid), before);
 }
 
