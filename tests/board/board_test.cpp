@@ -494,7 +494,7 @@ std::multiset<std::string> open_descriptors(pid_t pid) {
   for (const auto& file :
        std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
     const std::string target = std::filesystem::read_symlink(file);
-    if (target.compare(0, 6, "/proc/") != 0) {
+    if (target.compare(0, 5, "/proc") != 0) {
       targets.insert(target);
     }
   }
