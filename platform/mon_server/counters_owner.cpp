@@ -1,9 +1,19 @@
 #include "counters_owner.h"
 
 #include <cerrno>
+#include <cstring>
+#include <string>
 #include <utility>
 
 #include "server_log.h"
+
+namespace {
+
+constexpr char rights_wanted[] =
+    " (they want CAP_PERFMON or kernel.perf_event_paranoid at 0; Debian's kernels give them to "
+    "CAP_PERFMON only with kernel.perf_event_paranoid at 2 or less)";
+
+}  // namespace
 
 int counters_owner::enable(counters_claim& claim) {
   if (holder == &claim) {
@@ -23,6 +33,10 @@ int counters_owner::enable(counters_claim& claim) {
                "too few descriptors (ulimit -n) for all counters: some are unknown");
   }
   if (ret < 0) {
+    if (!std::exchange(failure_told, true)) {
+      server_log(log_priority::warning, "no counters: " + std::string(strerror(-ret)) +
+                                            (ret == -EACCES ? rights_wanted : ""));
+    }
     return ret;
   }
   counters = std::move(opened);
