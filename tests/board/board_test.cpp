@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 #include <linux/perf_event.h>
 #include <sched.h>
-#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
@@ -320,9 +319,11 @@ TEST_P(board_server, figures_agree_with_proc) {
   session counting(server);
   counting.ask<char>(cmd_cpu, cpu_enable_perf);
   EXPECT_EQ(counting.status, GetParam().user == 0 ? 0 : -EACCES);
+  EXPECT_EQ(server_process::log().find("no counters: Permission denied") != std::string::npos,
+            GetParam().user != 0);
 }
 
-// Nothing but an empty folder is at `path` for the server.
+// An empty folder is at `path` for the server.
 void cover(const char* path) {
   mount("none", path, "tmpfs", 0, nullptr);
 }
@@ -367,6 +368,12 @@ class own_counters {
         files[cpu][event] =
             static_cast<int>(syscall(SYS_perf_event_open, &attributes, -1, cpu, -1, 0));
       }
+    }
+  }
+  ~own_counters() {
+    for (const auto& of_cpu : files) {
+      close(of_cpu[0]);
+      close(of_cpu[1]);
     }
   }
   // Since the last call; unknown_u64 if there is no such counter.
