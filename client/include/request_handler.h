@@ -17,8 +17,9 @@ namespace ns_req_template {
 // refused (its status) or could not be asked (-ETIMEDOUT, -ECONNRESET, -EBADMSG, ...).
 //
 // Text is laid out for the terminal on standard output as it is at the call: no line is wider than
-// it less one column, at most 117 columns, which it also is where there is no terminal. What does
-// not fit is counted ("+57"). A query appends its figures only when the whole answer was good. When
+// it less one column, at most 117 columns, which it also is where there is no terminal. One that
+// does not say its width, as on a serial line, has that of COLUMNS, else 80. What does not fit is
+// counted ("+57"). A query appends its figures only when the whole answer was good. When
 // it failed it appends one short line in their place, which says why, such as
 // "CPU  no answer from 127.0.0.1:1234: Connection refused".
 class request_handler {

@@ -3,6 +3,7 @@
 #include <curses.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <iostream>
 
 #include "zorva/log.h"
@@ -16,6 +17,9 @@ namespace {
 
 constexpr int file_failed = -1;
 constexpr int connect_failed = -2;
+
+// Those of most terminals on serial lines, and what ncurses takes.
+constexpr unsigned short serial_rows = 24;
 
 int constructor_failed(const char* message) {
   LOG_E("Exception caught: \"%s\" when constructor parse manager\n", message);
@@ -89,6 +93,11 @@ int zorva::get_terminal_size() {
   if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &tsize) < 0) {
     std::cerr << "Failed to get terminal size" << std::endl;
     return 1;
+  }
+  if (tsize.ws_row == 0) {
+    const char* const told = std::getenv("LINES");
+    const int rows = told == nullptr ? 0 : std::atoi(told);
+    tsize.ws_row = rows > 0 ? static_cast<unsigned short>(rows) : serial_rows;
   }
   return 0;
 }

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <iterator>
 #include <utility>
@@ -109,7 +110,15 @@ std::string with_count(placement placed, size_t indent, const room& room, std::s
 
 size_t terminal_columns() {
   winsize size{};
-  return ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
+  if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0) {
+    return 0;
+  }
+  if (size.ws_col > 0) {
+    return size.ws_col;
+  }
+  const char* const told = std::getenv("COLUMNS");
+  const int columns = told == nullptr ? 0 : std::atoi(told);
+  return columns > 0 ? static_cast<size_t>(columns) : serial_columns;
 }
 
 size_t line_width() {

@@ -20,8 +20,12 @@ constexpr char unknown_text[] = "-";
 constexpr size_t most_columns = 117;
 constexpr size_t least_columns = 20;
 
-// Columns of the terminal on standard output. 0 where there is none, and where it does not say, as
-// on a serial line.
+// What ncurses takes, too, for a terminal that does not say how wide it is, as one on a serial
+// line.
+constexpr size_t serial_columns = 80;
+
+// Columns of the terminal on standard output, 0 where there is none. One that does not say has as
+// many as the environment's COLUMNS, else serial_columns.
 size_t terminal_columns();
 
 // Columns that a text may take now: all of the terminal's but the last, which the panels' header

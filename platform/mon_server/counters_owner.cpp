@@ -1,8 +1,10 @@
 #include "counters_owner.h"
 
 #include <cerrno>
+#include <string>
 #include <utility>
 
+#include "obstacles.h"
 #include "server_log.h"
 
 int counters_owner::enable(counters_claim& claim) {
@@ -23,6 +25,10 @@ int counters_owner::enable(counters_claim& claim) {
                "too few descriptors (ulimit -n) for all counters: some are unknown");
   }
   if (ret < 0) {
+    if (!std::exchange(failure_told, true)) {
+      kernel_facts kernel(opened->machine);
+      server_log(log_priority::warning, "no counters: " + log_text(counters_obstacle(kernel, ret)));
+    }
     return ret;
   }
   counters = std::move(opened);

@@ -43,6 +43,7 @@ class counters_owner {
   std::unique_ptr<open_counters> counters;  // while there is a holder
   samplers::counter_reading last;
   bool lack_told = false;  // the log says that descriptors are lacking
+  bool failure_told = false;
 };
 
 #endif

@@ -267,6 +267,12 @@ obstacle counters_obstacle(kernel_facts& kernel, int error) {
     lacking.remedy += std::string(", or: ") + allow;
     return lacking;
   }
+  // A setting that Debian's and Android's kernels know: only CAP_SYS_ADMIN helps, which the server
+  // gives up.
+  if (is_refused(error) && setting >= "3") {
+    return {
+        paranoid + ", which refuses CAP_PERFMON too", "sysctl kernel.perf_event_paranoid=2", {}};
+  }
   return other_refusal("perf_event_open(2)", error);
 }
 

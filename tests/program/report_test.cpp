@@ -107,12 +107,13 @@ TEST_F(report, cycles_that_are_over_are_not_waited_for) {
 TEST_F(report, text_mode_cuts_to_the_terminal) {
   manager.batch_mode = false;
   constexpr int report_lines = 20;  // the empty one, the time, 9 of dashes and 9 of text
-  for (const int rows : {1, 5, report_lines - 1, report_lines, 60}) {
+  // On a serial line nobody knows the rows: 24.
+  for (const int rows : {0, 1, 5, report_lines - 1, report_lines, 60}) {
     const pseudo_terminal terminal(static_cast<unsigned short>(rows), 80);
     std::string got;
     with_redirected(STDOUT_FILENO, terminal.slave, [&] { got = run(); });
     std::string expected = whole();
-    if (rows < report_lines) {
+    if (rows > 0 && rows < report_lines) {
       size_t end = 0;
       for (int line = 0; line <= rows; ++line) {
         end = expected.find('\n', end) + 1;

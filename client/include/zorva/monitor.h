@@ -33,7 +33,8 @@ class zorva {
   int zorva_top_init(std::string ip, int port);
 
   // Reads the size of the terminal on standard output into `tsize`. Returns 0, or 1 after a line on
-  // standard error; `tsize` then stays as it was.
+  // standard error; `tsize` then stays as it was. A terminal that does not say, as one on a serial
+  // line, has as many rows as the environment's LINES, else 24.
   int get_terminal_size();
 
   winsize tsize{};  // belongs to the report thread

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <utility>
 
+#include "samplers/clock.h"
 #include "samplers/room.h"
 
 namespace samplers {
@@ -70,6 +71,7 @@ class process_files::file_path {
 
 int process_files::read(const file_reader& machine, size_t most_kept,
                         std::vector<process_entry>& entries) {
+  began_us = monotonic_us();
   const int listing = list(machine, pids);
   if (listing != 0) {
     return listing;
@@ -104,6 +106,7 @@ int process_files::read_some(const file_reader& machine, const std::vector<int32
   if (!open_proc(machine)) {
     return -errno;
   }
+  began_us = monotonic_us();
   found = &entries;
   most_open = 0;
   schedule_known = false;
@@ -206,6 +209,8 @@ int process_files::read_one(int32_t pid, int32_t thread_id) {
     entry.activity = one_thread ? files.last_run.times_run : 0;
     files.last = entry;
   }
+  files.last.read_ms =
+      static_cast<uint16_t>(std::min<int64_t>((monotonic_us() - began_us) / 1000, UINT16_MAX));
   found->push_back(files.last);
   return 0;
 }

@@ -89,7 +89,8 @@ class process_files {
   std::vector<file_set> next;     // of this sample
   size_t open_files = 0;          // in both
   size_t most_open = 0;
-  uint32_t turn = 0;  // counts samples
+  uint32_t turn = 0;     // counts samples
+  int64_t began_us = 0;  // when the sample was begun; monotonic
   bool schedule_known = false;
   std::vector<process_entry>* found = nullptr;
 };

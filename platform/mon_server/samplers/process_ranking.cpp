@@ -97,6 +97,7 @@ void process_ranking::rate_all(const process_sample* before, const process_sampl
   size_t position = 0;
   for (const process_entry& entry : now.entries) {
     interval over;
+    int read_later_ms = entry.read_ms;  // than at the interval's end, or later than at its start
     if (!comparable) {
       over = lifetime(entry, now);
     } else {
@@ -111,12 +112,14 @@ void process_ranking::rate_all(const process_sample* before, const process_sampl
         const process_entry& start = old[position];
         over = {start.cpu_ns, start.io_bytes, start.net_bytes, start.bpu_ns, 0, 0};
         over.io_bytes += inherited.of(start);
+        read_later_ms -= start.read_ms;
       } else if (entry.start_ticks < before->uptime_ticks) {
         over = {unknown_u64, unknown_u64, unknown_u64, unknown_u64, 0, 0};
       }
       over.seconds = static_cast<double>(now.time_us - before->time_us) / 1e6;
       over.net_seconds = static_cast<double>(now.net_time_us - before->net_time_us) / 1e6;
     }
+    over.seconds += over.seconds > 0 ? read_later_ms / 1e3 : 0;
     rated.push_back(rate_over(over, entry, sort_key));
     if (rated.size() >= most_rated) {
       keep_first();

@@ -19,6 +19,7 @@ struct process_entry {
   bool descriptors_seen = false;  // this server may see the process's open descriptors
   int16_t priority = 0;           // saturated
   int16_t processor = 0;          // saturated
+  uint16_t read_ms = 0;           // after the sample's time, saturated
   int32_t num_threads = 0;        // of the process
   uint32_t net_namespace = 0;     // inode number of its network namespace, 0 if unknown
   uint64_t start_ticks = 0;       // since boot; tells a process from the pid's next owner
