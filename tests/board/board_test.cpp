@@ -515,9 +515,9 @@ class hotplug_watch {
   }
   void check(const std::map<pid_t, pid_msg>& tasks) const {
     EXPECT_EQ(tasks.count(busy_process), 1);
+    // Over a short interval, a third of it may be the host's.
     for (const auto& [id, task] : tasks) {
-      EXPECT_FALSE(is_false(task.process_usage, 100 + process_points))
-          << id << ' ' << task.process_usage;
+      EXPECT_FALSE(is_false(task.process_usage, 150)) << id << ' ' << task.process_usage;
     }
   }
 
