@@ -13,6 +13,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <ctime>
 #include <functional>
 #include <new>
 #include <thread>
@@ -25,8 +26,12 @@ namespace {
 constexpr size_t mega = 1024 * 1024;
 constexpr size_t block = 64 * 1024;
 
-void sleep_ms(int ms) {
-  std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+// Sleeps until the next multiple of so many milliseconds since the first call, which has passed
+// already when the CPU had other work: so the rate stays the same in the mean.
+void wait_for_turn(int every_ms) {
+  static auto next = std::chrono::steady_clock::now();
+  next += std::chrono::milliseconds(every_ms);
+  std::this_thread::sleep_until(next);
 }
 
 void must(bool done) {
@@ -50,10 +55,11 @@ void stay_on_cpu(int cpu) {
 }
 
 void run_a_third() {
-  const double end = now_s() + 0.01;
-  while (now_s() < end) {
+  constexpr clock_t turn = CLOCKS_PER_SEC / 100;
+  const clock_t end = clock() + turn;  // of the process, whose other threads do nothing
+  while (clock() < end) {
   }
-  sleep_ms(20);
+  wait_for_turn(30);
 }
 
 void touch(size_t size, int sharing) {
@@ -65,7 +71,7 @@ void write_block() {
   static const int disk = open("/dev/ram0", O_WRONLY | O_DIRECT);
   static void* const data = std::aligned_alloc(4096, block);
   must(pwrite(disk, data, block, 0) == static_cast<ssize_t>(block));
-  sleep_ms(20);
+  wait_for_turn(20);
 }
 
 void nothing() {}
@@ -168,7 +174,7 @@ void loads::start_connection() {
       },
       [&] {
         send(connection, data, block, MSG_NOSIGNAL);
-        sleep_ms(20);
+        wait_for_turn(20);
       });
   receiver = start([&] { must((connection = accept(listener, nullptr, nullptr)) >= 0); },
                    [&] {
