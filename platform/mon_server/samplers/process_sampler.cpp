@@ -40,11 +40,12 @@ process_sampler::process_sampler(std::shared_ptr<const file_reader> machine,
     : reader(std::move(machine)), options(sampler_options) {}
 
 int process_sampler::read(bool threads, int64_t net_max_age_us, process_sample& sample) {
+  try_iterator();
   sample.ticks_per_second = sysconf(_SC_CLK_TCK);
   sample.threads = threads;
   sample.time_us = monotonic_us();
   sample.uptime_ticks = read_uptime(*reader, sample.ticks_per_second);
-  const int result = read_entries(sample);
+  const int result = iterator ? read_tasks(sample) : read_files(sample);
   sort_entries(sample);
   give_room_back(sample.entries);
   descriptors.add_to(*reader, sample);
@@ -53,7 +54,8 @@ int process_sampler::read(bool threads, int64_t net_max_age_us, process_sample& 
   return result;
 }
 
-int process_sampler::read_entries(process_sample& sample) {
+// It takes a while on a slow board, so it comes before a sample's time.
+void process_sampler::try_iterator() {
   if (!std::exchange(iterator_tried, true) && options.use_bpf && reader->own_machine) {
     iterator = std::make_unique<task_iterator>();
     refusal.error = spare_descriptors() > 0 ? iterator->open(refusal.said) : -EMFILE;
@@ -61,7 +63,6 @@ int process_sampler::read_entries(process_sample& sample) {
       iterator.reset();
     }
   }
-  return iterator ? read_tasks(sample) : read_files(sample);
 }
 
 int process_sampler::read_tasks(process_sample& sample) {

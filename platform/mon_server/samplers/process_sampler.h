@@ -51,7 +51,7 @@ class process_sampler {
   void release();
 
  private:
-  int read_entries(process_sample& sample);
+  void try_iterator();
   int read_tasks(process_sample& sample);
   void find_hidden(process_files& files, const process_sample& sample);
   int read_files(process_sample& sample);
