@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The attacks of siege: what is there meanwhile, who the attackers are, what each of them does.
 
 An attacker is a process of its own that says when it is ready and then goes on until it is killed.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Messages of the protocol, and peers that misuse it: each function is one go of one of them."""
 import os
 import socket

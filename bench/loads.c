@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Processes or threads that only sleep: loads processes|threads COUNT. Prints a line when all are
 // there. They end with this, and this with its parent.
 #include <pthread.h>

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Sleeping processes or threads, to be watched."""
 import os
 import select

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What a monitor costs: CPU time a refresh, memory, bytes to the terminal, time to first figures."""
 import statistics
 import subprocess

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """The monitors that are compared, each with a cycle of a second."""
 import os
 import re

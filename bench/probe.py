@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """A client that behaves and times each of its answers, and what the server takes meanwhile."""
 import contextlib
 import os

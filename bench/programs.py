@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Programs that are measured: run in terminals of their own, read all the time, ended for certain."""
 import ctypes
 import fcntl

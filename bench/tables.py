@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Tables of plain text, or of Markdown."""
 import sys
 

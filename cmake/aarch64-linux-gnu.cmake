@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The cross compiler that Debian calls aarch64-linux-gnu-g++. Headers and libraries are those of
 # Debian's packages for arm64 ("scripts/deps arm64"), or with -DCMAKE_SYSROOT=FOLDER a board's own.
 # Programs of the build run under qemu, which finds Debian's libraries by itself.

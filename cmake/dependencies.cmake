@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Finds what the parts that are built need of others, as ZLIB::ZLIB, zorva_fmt, zorva_asio and
 # zorva_curses. Where something is missing, says what to install or which switch does without.
 function(zorva_missing what package)

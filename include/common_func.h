@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Helpers that the program shares with the monitor client library, which defines them.
 #ifndef COMMON_FUNC_H
 #define COMMON_FUNC_H

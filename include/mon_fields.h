@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a record and each of its fields is. mon_records.h has one description a record; from it
 // follow the bounds of answers, the counters' text and the tables of docs/protocol.md.
 #ifndef MON_FIELDS_H

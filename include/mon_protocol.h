@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The messages between the client library and the monitor server; docs/protocol.md describes them
 // byte by byte. Shared by both sides, so that neither has a decoder of its own.
 #ifndef MON_PROTOCOL_H

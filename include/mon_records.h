@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The records that the monitor server sends and the client library formats as text.
 //
 // Each is laid out the same on every target: fixed-width fields, natural alignment, padding spelled

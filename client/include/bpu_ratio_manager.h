@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Utilisation of the board's BPU cores.
 #ifndef BPU_RATIO_MANAGER_H
 #define BPU_RATIO_MANAGER_H

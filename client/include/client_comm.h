@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One connection of a client object to the monitor server.
 #ifndef CLIENT_COMM_H
 #define CLIENT_COMM_H

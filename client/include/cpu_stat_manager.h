@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // CPU usage, the list of processes or threads, and the hardware performance counters.
 #ifndef CPU_STAT_MANAGER_H
 #define CPU_STAT_MANAGER_H

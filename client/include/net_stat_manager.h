@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Network bandwidth by device.
 #ifndef NET_STAT_MANAGER_H
 #define NET_STAT_MANAGER_H

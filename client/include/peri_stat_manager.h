@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Temperatures, memory, ION memory, partitions and block devices.
 #ifndef PERI_STAT_MANAGER_H
 #define PERI_STAT_MANAGER_H

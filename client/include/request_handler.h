@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the client classes share: a connection, and one request at a time.
 #ifndef REQUEST_HANDLER_H
 #define REQUEST_HANDLER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Frame rates of the board's VIO pipelines.
 #ifndef VIO_INFO_MANAGER_H
 #define VIO_INFO_MANAGER_H

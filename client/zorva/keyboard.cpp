@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The keyboard loop.
 #include <poll.h>
 #include <termios.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The program's entry: the steps of a run.
 #include <sys/prctl.h>
 

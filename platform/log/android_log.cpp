@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Messages of priority verbose to fatal go to syslog, or to a file once one was named.
 #include <android/log.h>
 #include <sys/time.h>

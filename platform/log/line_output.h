@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A descriptor that takes lines: file, FIFO, pipe, terminal or stream socket.
 #ifndef LINE_OUTPUT_H
 #define LINE_OUTPUT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The connection: resolving, connecting, one request and its answer, each within a deadline.
 //
 // The server is taken for hostile, since anybody may listen on a local port first: lengths are

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "common_func.h"
 
 uint64_t time_diff(timeval& t1, timeval& t2) {

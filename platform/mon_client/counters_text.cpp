@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The performance counters: a line each, with its rate and what it means beside another one.
 #include <fmt/format.h>
 

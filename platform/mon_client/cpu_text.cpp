@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The CPU block: at most 9 lines of at most 69 columns, however many CPUs there are.
 #include <fmt/format.h>
 

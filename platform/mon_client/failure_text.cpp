@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The line that stands in place of figures when a query failed.
 #include <fmt/format.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Host names to socket addresses, within a deadline.
 #ifndef NAME_LOOKUP_H
 #define NAME_LOOKUP_H

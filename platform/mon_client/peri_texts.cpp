@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Thermal, memory, ION, partitions: a line each.
 #include <fmt/format.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The list of processes or threads: a header and a line each, of figures, the name and the command
 // line. Figures take 59 columns with process ids of up to five digits, 63 with those of seven.
 #include <fmt/format.h>

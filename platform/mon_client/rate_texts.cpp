@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // BPU cores, network devices, block devices, VIO pipelines. The first three share a panel of ten
 // rows, two of them empty.
 #include <fmt/format.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How the client classes make their requests: locks, connection, decoding, text.
 #ifndef REQUESTS_H
 #define REQUESTS_H

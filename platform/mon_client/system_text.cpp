@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The machine as a whole, in the rows that the CPUs leave free of their panel.
 #include <fmt/format.h>
 

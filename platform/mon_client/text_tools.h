@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Small pieces of text that the blocks of figures are made of.
 #ifndef TEXT_TOOLS_H
 #define TEXT_TOOLS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The texts of the figures: records in, text out, nothing else read or written. ASCII only. Which
 // of them end with a line end is part of what their callers rely on. No line is wider than `width`
 // (text_tools::least_columns at least, unless said otherwise); entries that do not fit are counted

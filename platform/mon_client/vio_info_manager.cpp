@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "vio_info_manager.h"
 
 #include <utility>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The command lines of listed processes: read once, kept, and told to each session once.
 #ifndef COMMAND_LINES_H
 #define COMMAND_LINES_H

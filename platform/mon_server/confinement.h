@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the server gives up before it talks to anybody, however it was started: it reads, and what
 // makes more of its rights than that is refused, should a client ever make it run what it likes.
 #ifndef CONFINEMENT_H

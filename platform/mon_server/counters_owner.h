@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The performance counters, which belong to one session at a time.
 #ifndef COUNTERS_OWNER_H
 #define COUNTERS_OWNER_H

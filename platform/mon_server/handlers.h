@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the server answers: one function a request, from a session's state and the machine's figures
 // to records.
 #ifndef HANDLERS_H

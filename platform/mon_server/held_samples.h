@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What clients cause to be held in memory, and the bounds of it.
 #ifndef HELD_SAMPLES_H
 #define HELD_SAMPLES_H

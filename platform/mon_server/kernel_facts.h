@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The running kernel's version and the options that it was built with.
 #ifndef KERNEL_FACTS_H
 #define KERNEL_FACTS_H

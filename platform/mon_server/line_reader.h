@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reads of command lines, each of which may hang, on threads of their own.
 #ifndef LINE_READER_H
 #define LINE_READER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // For threads whose work somebody waits for, and that have nobody to tell of an exception.
 #ifndef MEMORY_WAIT_H
 #define MEMORY_WAIT_H

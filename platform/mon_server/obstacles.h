@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Why figures are not read, or not as well as they could be, and what to do about it. One place for
 // the log and for --check.
 #ifndef OBSTACLES_H

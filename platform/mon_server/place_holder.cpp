@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "place_holder.h"
 
 #include <linux/inet_diag.h>

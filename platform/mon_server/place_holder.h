@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Who has a place at the server: of one address, or of one user of this machine.
 #ifndef PLACE_HOLDER_H
 #define PLACE_HOLDER_H

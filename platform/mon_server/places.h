@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Who goes when the server is full and another client comes.
 #ifndef PLACES_H
 #define PLACES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Process lists, made on a thread of their own: however many processes, threads and sockets there
 // are, no other answer waits for them.
 #ifndef PROCESS_LISTS_H

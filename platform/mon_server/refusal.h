@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a client is told that there is no place for.
 #ifndef REFUSAL_H
 #define REFUSAL_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Listening and accepting.
 #ifndef SERVER_H
 #define SERVER_H

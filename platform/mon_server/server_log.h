@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Log lines of the server, on standard error, each after its syslog priority in angle brackets so
 // that the journal of systemd sorts them (sd-daemon(3)).
 #ifndef SERVER_LOG_H

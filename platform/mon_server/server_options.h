@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The server's command line.
 #ifndef SERVER_OPTIONS_H
 #define SERVER_OPTIONS_H

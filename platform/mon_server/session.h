@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One client's connection: bytes in, messages checked, answers out, all within limits.
 #ifndef SESSION_H
 #define SESSION_H

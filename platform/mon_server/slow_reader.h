@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reads that can hang (statvfs(2) on a dead mount, a driver's file) on threads of their own.
 #ifndef SLOW_READER_H
 #define SLOW_READER_H

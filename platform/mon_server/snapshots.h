@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Samples that sessions share, and what a session keeps of them.
 //
 // A sample never changes once it is taken. Each session keeps the two that it saw last, so that its

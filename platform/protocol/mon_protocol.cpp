@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "mon_protocol.h"
 
 #include <zlib.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A lock that is not waited for for ever.
 #ifndef ZORVA_BOUNDED_LOCK_H
 #define ZORVA_BOUNDED_LOCK_H

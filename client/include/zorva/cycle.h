@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The length of a cycle, less what its work took.
 #ifndef ZORVA_CYCLE_H
 #define ZORVA_CYCLE_H

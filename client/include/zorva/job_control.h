@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Ctrl-Z, fg and bg: stopping and going on with the terminal whole on either side.
 #ifndef ZORVA_JOB_CONTROL_H
 #define ZORVA_JOB_CONTROL_H

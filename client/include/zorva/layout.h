@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where the panels are: a pure function of the terminal's size.
 #ifndef ZORVA_LAYOUT_H
 #define ZORVA_LAYOUT_H

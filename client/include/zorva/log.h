@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The program's log calls: priority and tag once, here.
 #ifndef ZORVA_LOG_H
 #define ZORVA_LOG_H

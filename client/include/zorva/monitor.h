@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The monitor object: the client objects that every figure comes from.
 #ifndef ZORVA_MONITOR_H
 #define ZORVA_MONITOR_H

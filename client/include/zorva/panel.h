@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A panel: its text, its place and its curses window.
 #ifndef ZORVA_PANEL_H
 #define ZORVA_PANEL_H

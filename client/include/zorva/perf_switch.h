@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Switching the performance counters on and off.
 #ifndef ZORVA_PERF_SWITCH_H
 #define ZORVA_PERF_SWITCH_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The queries of one report or panel.
 #ifndef ZORVA_QUERY_H
 #define ZORVA_QUERY_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The records of -o. The refresher's thread alone calls these.
 #ifndef ZORVA_RECORD_FILE_H
 #define ZORVA_RECORD_FILE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The screen refresher: the only thread that paints.
 #ifndef ZORVA_REFRESHER_H
 #define ZORVA_REFRESHER_H

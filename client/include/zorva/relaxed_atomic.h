@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A flag or number that threads share and that publishes no other data.
 #ifndef ZORVA_RELAXED_ATOMIC_H
 #define ZORVA_RELAXED_ATOMIC_H

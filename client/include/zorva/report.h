@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reports of all figures on standard output, in batch and text mode.
 #ifndef ZORVA_REPORT_H
 #define ZORVA_REPORT_H

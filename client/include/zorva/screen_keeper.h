@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Taking the full screen from whoever paints it, and giving the terminal back to the shell, also
 // when the terminal takes no output.
 #ifndef ZORVA_SCREEN_KEEPER_H

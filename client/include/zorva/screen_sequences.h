@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How this terminal enters and leaves the full screen, for when curses cannot be asked.
 #ifndef ZORVA_SCREEN_SEQUENCES_H
 #define ZORVA_SCREEN_SEQUENCES_H

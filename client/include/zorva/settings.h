@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Settings and run state of the program, and the command line that fills them.
 #ifndef ZORVA_SETTINGS_H
 #define ZORVA_SETTINGS_H

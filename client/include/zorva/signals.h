@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Signals that end the program: what the server holds for it is released, the terminal is put back,
 // and the process dies by the signal.
 #ifndef ZORVA_SIGNALS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Standard input, output and error of a program that was started without them.
 #ifndef ZORVA_STANDARD_STREAMS_H
 #define ZORVA_STANDARD_STREAMS_H

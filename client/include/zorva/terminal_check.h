@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whether curses can show a full screen on this terminal.
 #ifndef ZORVA_TERMINAL_CHECK_H
 #define ZORVA_TERMINAL_CHECK_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The modes of the terminal on standard input: the shell's, the reports', the full screen's.
 #ifndef ZORVA_TERMINAL_MODES_H
 #define ZORVA_TERMINAL_MODES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The time as reports and records of the output file carry it.
 #ifndef ZORVA_TIME_STAMP_H
 #define ZORVA_TIME_STAMP_H

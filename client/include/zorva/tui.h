@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The full screen.
 #ifndef ZORVA_TUI_H
 #define ZORVA_TUI_H

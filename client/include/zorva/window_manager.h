@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The curses screen and the panels on it.
 #ifndef ZORVA_WINDOW_MANAGER_H
 #define ZORVA_WINDOW_MANAGER_H

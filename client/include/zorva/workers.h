@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The threads that fill the panels.
 #ifndef ZORVA_WORKERS_H
 #define ZORVA_WORKERS_H

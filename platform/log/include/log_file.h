@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The one call of our own log library that a board's log library need not have.
 #ifndef LOG_FILE_H
 #define LOG_FILE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Traffic of block devices: /proc/diskstats.
 #ifndef SAMPLERS_BLOCKS_H
 #define SAMPLERS_BLOCKS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Figures that each board's drivers export in a way of their own: BPU cores and VIO pipelines. A
 // board folder leads to them, with a file (or a link to a driver's file) a figure, named as the
 // figure is to be shown.

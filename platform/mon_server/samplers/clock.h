@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The clocks that samples are stamped with.
 #ifndef SAMPLERS_CLOCK_H
 #define SAMPLERS_CLOCK_H

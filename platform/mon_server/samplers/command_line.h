@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The command line of a process.
 #ifndef SAMPLERS_COMMAND_LINE_H
 #define SAMPLERS_COMMAND_LINE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which event of which PMU each counter is on a CPU.
 #ifndef SAMPLERS_COUNTER_EVENTS_H
 #define SAMPLERS_COUNTER_EVENTS_H

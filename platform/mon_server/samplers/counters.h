@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Hardware and software counters of the whole machine: perf_event_open(2).
 #ifndef SAMPLERS_COUNTERS_H
 #define SAMPLERS_COUNTERS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Where the CPUs' time goes: /proc/stat and cpufreq.
 #ifndef SAMPLERS_CPU_H
 #define SAMPLERS_CPU_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How this process shares out its descriptors (RLIMIT_NOFILE).
 #ifndef SAMPLERS_DESCRIPTOR_LIMIT_H
 #define SAMPLERS_DESCRIPTOR_LIMIT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A descriptor that closes itself.
 #ifndef SAMPLERS_FILE_DESCRIPTOR_H
 #define SAMPLERS_FILE_DESCRIPTOR_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The one way to the files of /proc, /sys and a board folder.
 #ifndef SAMPLERS_FILE_READER_H
 #define SAMPLERS_FILE_READER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // IO that processes take over from their children.
 //
 // When a process has waited for a child, the kernel adds all that the child ever read and wrote to

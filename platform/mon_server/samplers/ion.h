@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Memory that drivers share: ION heaps, or the CMA area and dma-bufs in their place.
 #ifndef SAMPLERS_ION_H
 #define SAMPLERS_ION_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The machine's memory: /proc/meminfo.
 #ifndef SAMPLERS_MEMORY_H
 #define SAMPLERS_MEMORY_H

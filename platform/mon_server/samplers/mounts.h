@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which mount a path lies on, told without touching the file system that it leads to.
 #ifndef SAMPLERS_MOUNTS_H
 #define SAMPLERS_MOUNTS_H

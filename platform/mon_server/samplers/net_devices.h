@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Traffic of network devices: /proc/net/dev.
 #ifndef SAMPLERS_NET_DEVICES_H
 #define SAMPLERS_NET_DEVICES_H

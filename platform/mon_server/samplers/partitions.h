@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // File systems: statvfs(3).
 #ifndef SAMPLERS_PARTITIONS_H
 #define SAMPLERS_PARTITIONS_H

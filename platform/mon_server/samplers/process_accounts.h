@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What processes did that the kernel counts by something else than processes (sockets, open files).
 #ifndef SAMPLERS_PROCESS_ACCOUNTS_H
 #define SAMPLERS_PROCESS_ACCOUNTS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Time of processes on accelerators, by the DRM usage statistics of their descriptors; see
 // "DRM client usage stats" in the kernel's documentation (gpu/drm-usage-stats.rst).
 #ifndef SAMPLERS_PROCESS_BPU_H

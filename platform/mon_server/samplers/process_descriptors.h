@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The open descriptors of a process: /proc/PID/fd.
 #ifndef SAMPLERS_PROCESS_DESCRIPTORS_H
 #define SAMPLERS_PROCESS_DESCRIPTORS_H

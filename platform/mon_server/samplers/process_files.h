@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Processes read from their files in /proc: stat and io, and schedstat to leave most of them alone.
 //
 // A thread that has not been scheduled since the sample before has the same figures as then, and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // TCP traffic of processes: the bytes of sockets, and whose sockets they are.
 //
 // The kernel tells each socket's bytes and inode number; which process has it open is only to be

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The process list: rates between two samples, and the first by a sort key.
 #include <algorithm>
 #include <cmath>

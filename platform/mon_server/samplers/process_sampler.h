@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Samples of all processes or all threads, taken in the cheapest way that this machine allows.
 #ifndef SAMPLERS_PROCESS_SAMPLER_H
 #define SAMPLERS_PROCESS_SAMPLER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The texts of /proc/PID/stat, io and schedstat.
 #ifndef SAMPLERS_PROCESS_STAT_H
 #define SAMPLERS_PROCESS_STAT_H

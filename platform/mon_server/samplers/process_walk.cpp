@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "samplers/process_walk.h"
 
 #include <algorithm>

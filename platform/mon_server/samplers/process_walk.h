@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Walks the processes for what only their descriptors tell, a bounded time a sample.
 #ifndef SAMPLERS_PROCESS_WALK_H
 #define SAMPLERS_PROCESS_WALK_H

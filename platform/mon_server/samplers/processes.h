@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The processes, or all their threads: what a sample holds of each, and the list made of two.
 #ifndef SAMPLERS_PROCESSES_H
 #define SAMPLERS_PROCESSES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the kernel lets this process do: capabilities(7) and namespaces(7).
 #ifndef SAMPLERS_RIGHTS_H
 #define SAMPLERS_RIGHTS_H

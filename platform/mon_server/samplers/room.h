@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Giving memory back once a crowd has gone.
 #ifndef SAMPLERS_ROOM_H
 #define SAMPLERS_ROOM_H

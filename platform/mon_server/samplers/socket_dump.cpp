@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "samplers/socket_dump.h"
 
 #include <linux/inet_diag.h>

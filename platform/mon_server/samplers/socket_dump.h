@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The TCP sockets of this network namespace and what went through them: sock_diag(7).
 #ifndef SAMPLERS_SOCKET_DUMP_H
 #define SAMPLERS_SOCKET_DUMP_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The machine as a whole: load, tasks, uptime, pressure (PSI), swap and zram.
 #ifndef SAMPLERS_SYSTEM_H
 #define SAMPLERS_SYSTEM_H

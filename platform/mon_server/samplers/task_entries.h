@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Records of the BPF program as entries of a sample.
 #ifndef SAMPLERS_TASK_ENTRIES_H
 #define SAMPLERS_TASK_ENTRIES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // All tasks in one pass, by a BPF program that the kernel runs over its list of tasks.
 //
 // Costs half a microsecond a task, where reading the files of /proc takes six and more. Wants Linux

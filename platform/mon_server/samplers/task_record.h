@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT OR GPL-2.0-only
 // What the BPF program writes of one task (thread), as the program and the server both read it.
 #ifndef SAMPLERS_TASK_RECORD_H
 #define SAMPLERS_TASK_RECORD_H

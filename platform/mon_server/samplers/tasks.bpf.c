@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT OR GPL-2.0-only
 // Called by the kernel for each task (thread), and once with none at the end: writes a record of
 // it.
 //

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The BPF program, compiled for the kernel's virtual machine and put into the server's binary. One object
 # serves all processors of one byte order.
 find_library(BPF_LIBRARY bpf)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Words, numbers and names of the kernel's text files.
 #ifndef SAMPLERS_TEXT_H
 #define SAMPLERS_TEXT_H

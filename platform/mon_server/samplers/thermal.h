@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Temperatures and cooling devices: /sys/class/thermal.
 #ifndef SAMPLERS_THERMAL_H
 #define SAMPLERS_THERMAL_H

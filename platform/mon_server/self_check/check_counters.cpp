@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Counters of perf_event_open(2), which are of this machine whatever tree the rest is read from.
 #include <linux/perf_event.h>
 

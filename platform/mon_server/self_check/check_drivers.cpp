@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Figures of drivers and mounts, each of which may hang.
 #include <algorithm>
 #include <cerrno>

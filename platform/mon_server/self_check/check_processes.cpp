@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the process list shows: the processes, their IO, network and accelerator use, command lines.
 #include <linux/capability.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // CPUs, the machine as a whole, memory, block and network devices: files that answer at once.
 #include <algorithm>
 #include <cerrno>

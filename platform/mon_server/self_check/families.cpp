@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "self_check/families.h"
 
 void check_context::add_file(const char* family, const std::string& path, int error,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The families of figures, as --check asks for them.
 #ifndef SELF_CHECK_FAMILIES_H
 #define SELF_CHECK_FAMILIES_H

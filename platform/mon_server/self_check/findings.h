@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What --check finds out, as a table and as a status.
 #ifndef FINDINGS_H
 #define FINDINGS_H

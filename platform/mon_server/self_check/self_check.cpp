@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "self_check/self_check.h"
 
 #include <linux/capability.h>

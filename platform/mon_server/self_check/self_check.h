@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // mon_server --check: where each family of figures is read from on this machine, or why it is not.
 #ifndef SELF_CHECK_H
 #define SELF_CHECK_H

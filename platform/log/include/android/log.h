@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The logging call of Android's log library, which the boards of this series carry too.
 #ifndef ANDROID_LOG_H
 #define ANDROID_LOG_H
