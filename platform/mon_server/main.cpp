@@ -45,11 +45,13 @@ void keep_memory_small() {
   mallopt(M_MMAP_THRESHOLD, limit);
   mallopt(M_TRIM_THRESHOLD, limit);
   mallopt(M_ARENA_MAX, 1);
+#ifndef __SANITIZE_THREAD__  // which keeps more than that on each stack
   pthread_attr_t small;
   pthread_attr_init(&small);
   pthread_attr_setstacksize(&small, 4 * limit);
   pthread_setattr_default_np(&small);
   pthread_attr_destroy(&small);
+#endif
 }
 
 bool one_thread_left() {
