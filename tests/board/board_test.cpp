@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Holds the server's figures against the running kernel's, in the emulated board of
 // scripts/test-board.
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Processes of known behaviour.
 #ifndef LOADS_H
 #define LOADS_H

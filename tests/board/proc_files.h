@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the kernel says of its tasks and CPUs in /proc, read by the tests' own simple parser: the
 // second source that the server's figures are held against.
 #ifndef PROC_FILES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A log library that appends each message, its priority before it, to the file that BOARD_LOG
 // names.
 #include <android/log.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The scripted client library as a shared library of its own, which needs no server.
 #include "fake_mon_client.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The members that the program uses of those which the client library's headers declare.
 #include "bpu_ratio_manager.h"
 #include "client_comm.h"

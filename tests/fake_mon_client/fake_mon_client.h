@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A client library for tests: it asks no server, does what a script says, and records its calls.
 //
 // An operation goes by its plain name ("get_meminfo"), a constructor by its class's name

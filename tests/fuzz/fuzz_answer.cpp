@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a server may answer: the first byte chooses the kind of the records, the rest is the payload
 // (after the width; of processes, after two bytes of what was asked for and the width). Whatever it
 // is, the text keeps to printable ASCII and to the room that its panel has.

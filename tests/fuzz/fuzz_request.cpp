@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a client may send: an input is the requests of one session, back to back.
 #include <algorithm>
 #include <asio/io_context.hpp>

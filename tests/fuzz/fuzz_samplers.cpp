@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the kernel and a board's drivers may write: the first byte chooses a parser, or the file
 // that the rest is written into before its sampler reads a tree of it.
 #include <algorithm>

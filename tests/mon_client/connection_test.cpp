@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The client library against servers that are away, silent, broken or hostile.
 #include <gtest/gtest.h>
 #include <netdb.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The texts as they are shown, and what a hostile server may make of them.
 #include "texts.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Command lines of processes that hang, that go and whose id comes back, and that change.
 #include "command_lines.h"
 

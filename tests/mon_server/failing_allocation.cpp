@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "failing_allocation.h"
 
 #include <cstdint>

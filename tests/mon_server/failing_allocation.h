@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Allocations that fail in the test's process, as under `ulimit -v`.
 #ifndef FAILING_ALLOCATION_H
 #define FAILING_ALLOCATION_H

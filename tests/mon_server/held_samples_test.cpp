@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Who keeps a place and a sample when there are not enough for all.
 #include "held_samples.h"
 

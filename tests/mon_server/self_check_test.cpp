@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // mon_server --check on a board that has everything, and on the same board with one thing missing.
 #include "self_check/self_check.h"
 

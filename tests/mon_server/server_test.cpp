@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The server over its socket: what it answers, what it refuses, and what clients notice of each
 // other.
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reads that hang, and those beside them.
 #include "slow_reader.h"
 

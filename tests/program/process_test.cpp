@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whole runs of the program, ended by themselves, by a key or by a signal.
 #include <sys/socket.h>
 #include <sys/stat.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the tests of the program's parts share: fresh settings, one record of calls and log
 // messages, and a clock that the test sets.
 #ifndef PROGRAM_FIXTURE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The command line, connecting to the server, the keys, and the wait that they cut short.
 #include <getopt.h>
 #include <stdio_ext.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The report thread, run to its end on the test's own thread.
 #include "zorva/report.h"
 

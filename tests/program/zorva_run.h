@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A run of the program in a terminal of its own, with the scripted client library.
 #ifndef ZORVA_RUN_H
 #define ZORVA_RUN_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The messages against the worked examples of the protocol's page, and against what a peer may
 // send.
 #include "mon_protocol.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What is read from /proc of the whole machine: CPUs, block and network devices, load and pressure.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Processes and threads: their files, their figures from each source, and the lists made of them.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>

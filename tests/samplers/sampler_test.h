@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Figures of records as text, so that one comparison holds them all.
 #ifndef SAMPLER_TEST_H
 #define SAMPLER_TEST_H

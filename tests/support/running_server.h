@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The real server on a free loopback port, on a thread of the test.
 #ifndef RUNNING_SERVER_H
 #define RUNNING_SERVER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Loopback TCP for tests: a client that says what it likes, and a server whose every word a test
 // decides.
 #ifndef SCRIPTED_SERVER_H

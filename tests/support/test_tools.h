@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the tests of all parts use: waiting with a deadline, and a folder of a test's own.
 #ifndef TEST_TOOLS_H
 #define TEST_TOOLS_H

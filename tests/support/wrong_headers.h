@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Headers that both sides must refuse though their CRC is right.
 #ifndef WRONG_HEADERS_H
 #define WRONG_HEADERS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stops and ends under real shells: whatever comes when, the shell has its terminal afterwards.
 #include <gtest/gtest.h>
 

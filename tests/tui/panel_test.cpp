@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Painting a panel, looked at in its curses window.
 #include "zorva/panel.h"
 

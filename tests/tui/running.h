@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A real program in a terminal of its own, killed with the object.
 #ifndef RUNNING_H
 #define RUNNING_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The screen that a terminal shows of what a program has written to it.
 #ifndef SCREEN_H
 #define SCREEN_H

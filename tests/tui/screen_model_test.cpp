@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Random sequences of texts, sizes, keys and accidents, against a model of what must be seen: after
 // every frame the terminal shows what a fresh start on it would, cell by cell.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The full screen in a terminal: what it shows, and how it leaves the terminal.
 #include <gtest/gtest.h>
 #include <poll.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Two programs on one server, all of them real: the counters go to the one that asked last.
 #include <gtest/gtest.h>
 
