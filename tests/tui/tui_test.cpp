@@ -28,17 +28,12 @@ constexpr char texts[] =
 struct tui_run : zorva_run {
   explicit tui_run(const lines& options, const std::string& more = "", int rows = 60,
                    int columns = 200)
-      : zorva_run(how(options, texts + more, rows, columns)), shown(rows, columns) {}
+      : zorva_run(
+            (setenv("TERM", "xterm-256color", 1),
+             set_up{options, texts + more, true, -1, ISIG | ICANON | ECHO,
+                    static_cast<unsigned short>(rows), static_cast<unsigned short>(columns)})),
+        shown(rows, columns) {}
 
-  static set_up how(const lines& options, const std::string& script, int rows, int columns) {
-    set_up one;
-    setenv("TERM", "xterm-256color", 1);
-    one.options = options;
-    one.script = script;
-    one.rows = static_cast<unsigned short>(rows);
-    one.columns = static_cast<unsigned short>(columns);
-    return one;
-  }
   bool wait_for_screen(const std::function<bool()>& is_right) {
     return wait_until([&] {
       shown.show(output);
@@ -50,9 +45,8 @@ struct tui_run : zorva_run {
         [&] { return shown.text(row, column, static_cast<int>(text.size())) == text; });
   }
   void resize(int rows, int columns) {
-    winsize size{};
-    size.ws_row = static_cast<unsigned short>(rows);
-    size.ws_col = static_cast<unsigned short>(columns);
+    const winsize size{static_cast<unsigned short>(rows), static_cast<unsigned short>(columns), 0,
+                       0};
     shown.resize(rows, columns);
     ioctl(terminal.master, TIOCSWINSZ, &size);
   }
