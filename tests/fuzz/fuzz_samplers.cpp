@@ -89,27 +89,19 @@ void read_processes(const tree& tree) {
   }
 }
 
-void read_heaps(const tree& tree) {
+// What is read from sysfs, debugfs and the board folder, and memory.
+void read_gauges(const tree& tree) {
+  const file_reader& machine = *tree.machine;
   std::vector<ion_info> heaps;
-  read_ion(*tree.machine, tree.machine.get(), heaps);
-}
-
-void read_board(const tree& tree) {
   std::vector<bpu_stat> cores;
   std::vector<vio_stat> pipelines;
-  read_bpu(*tree.machine, tree.machine.get(), cores);
-  read_vio(tree.machine.get(), pipelines);
-}
-
-void read_zones(const tree& tree) {
-  std::vector<thermal_stat> stats;
-  read_thermal(*tree.machine, stats);
-}
-
-void read_memory(const tree& tree) {
-  memory_sample sample;
-  read_memory_sample(*tree.machine, sample);
-  read_heaps(tree);
+  std::vector<thermal_stat> zones;
+  memory_sample memory;
+  read_ion(machine, &machine, heaps);
+  read_bpu(machine, &machine, cores);
+  read_vio(&machine, pipelines);
+  read_thermal(machine, zones);
+  read_memory_sample(machine, memory);
 }
 
 void read_events(const tree& tree) {
@@ -150,16 +142,16 @@ constexpr struct {
   void (*read)(const tree&);
 } files[] = {
     {"proc/stat", read_cpus},
-    {"proc/meminfo", read_memory},
+    {"proc/meminfo", read_gauges},
     {"proc/diskstats", read_blocks},
     {"proc/net/dev", read_net},
-    {"sys/class/thermal/thermal_zone0/temp", read_zones},
-    {"sys/class/thermal/cooling_device0/type", read_zones},
-    {"sys/kernel/debug/ion/heaps/system", read_heaps},
-    {"sys/kernel/debug/dma_buf/bufinfo", read_heaps},
-    {"ion/cma", read_heaps},
-    {"bpu/bpu0", read_board},
-    {"vio/isp0", read_board},
+    {"sys/class/thermal/thermal_zone0/temp", read_gauges},
+    {"sys/class/thermal/cooling_device0/type", read_gauges},
+    {"sys/kernel/debug/ion/heaps/system", read_gauges},
+    {"sys/kernel/debug/dma_buf/bufinfo", read_gauges},
+    {"ion/cma", read_gauges},
+    {"bpu/bpu0", read_gauges},
+    {"vio/isp0", read_gauges},
     {"sys/bus/event_source/devices/core/cpus", read_events},
     {"sys/bus/event_source/devices/core/events/l2d_cache", read_events},
     {"proc/7/stat", read_processes},

@@ -6,7 +6,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <map>
 #include <mutex>
 #include <sstream>
 
@@ -162,96 +161,51 @@ void spoil(bytes& message, size_t way) {
   }
 }
 
-// Answers queries with `payload`, first as it is and then spoilt in each way; hangs up behind
-// those.
-struct spoiling_server {
-  void check(const char* name, const std::function<int(std::ostream*)>& ask, const bytes& answer) {
-    const size_t ways = 9 * (mon_protocol::header_size + answer.size());
-    for (size_t turn = 0; turn <= ways; ++turn) {
-      {
-        const std::lock_guard<std::mutex> guard(lock);
-        payload = answer;
-        spoilt = turn;
-      }
-      std::ostringstream text;
-      const int status = ask(&text);
-      ASSERT_EQ(status<0, turn> 0) << name << " turn " << turn;
-      ASSERT_EQ(text.str().find(" answer") != std::string::npos, turn > 0)
-          << name << " turn " << turn << ": " << text.str();
-    }
-  }
-
-  std::mutex lock;  // guards what follows
-  bytes payload;
-  size_t spoilt = 0;
-
-  const scripted_server server{[this](tcp::socket& client) {
+TEST(answers, every_cut_and_every_flipped_bit_is_found) {
+  const size_t ways = 9 * (mon_protocol::header_size + sizeof(bpu_stat));
+  std::atomic<size_t> way{0};
+  const scripted_server server([&way](tcp::socket& client) {
     message_header request{};
     bool good = true;
     while (good && read_message(client, request)) {
-      bytes message = answer_to(request);
-      if (request.command != mon_protocol::cmd_connection) {
-        const std::lock_guard<std::mutex> guard(lock);
-        message = answer_to(request, 0, payload);
-        good = spoilt == 0;
-        if (!good) {
-          spoil(message, spoilt - 1);
-        }
+      const bool hello = request.command == mon_protocol::cmd_connection;
+      bytes message = answer_to(request, 0, bytes(hello ? 0 : sizeof(bpu_stat)));
+      good = hello || way == ways;
+      if (!good) {
+        spoil(message, way);
       }
       send_bytes(client, message);
     }
-  }};
-};
+  });
+  bpu_ratio_manager bpu(loopback, server.port);
+  for (; way < ways; ++way) {
+    std::ostringstream text;
+    ASSERT_LT(bpu.get_bpu_ratio_all(&text), 0) << way;
+    ASSERT_NE(text.str().find(" answer"), std::string::npos) << way << ": " << text.str();
+  }
+  std::ostringstream text;
+  EXPECT_EQ(bpu.get_bpu_ratio_all(&text), 0) << "the same one whole";
+}
 
-TEST(answers, every_cut_and_every_flipped_bit_is_found) {
-  spoiling_server spoiler;
-  const int port = spoiler.server.port;
-  {
-    cpu_stat_manager cpu(loopback, port);
-    bytes list(8 + sizeof(pid_msg));
-    list[0] = list[4] = 1;
-    spoiler.check(
-        "cpu", [&](auto* os) { return cpu.get_cpu_usage(os); }, bytes(sizeof(cpu_usage)));
-    spoiler.check(
-        "processes", [&](auto* os) { return cpu.get_process_all(1, os); }, list);
-    spoiler.check(
-        "perf", [&](auto* os) { return cpu.get_perf_data(os); }, bytes(sizeof(perf_sample)));
-  }
-  {
-    peri_stat_manager peri(loopback, port);
-    std::vector<const char*> parts = {"/log"};
-    bytes part = {'/', 'l', 'o', 'g'};
-    part.resize(sizeof(part_info));
-    spoiler.check(
-        "thermal", [&](auto* os) { return peri.get_all_thermal(os); }, bytes(sizeof(thermal_stat)));
-    spoiler.check(
-        "memory", [&](auto* os) { return peri.get_meminfo(os); }, bytes(sizeof(meminfo)));
-    spoiler.check(
-        "ion", [&](auto* os) { return peri.get_ion_info(os); }, bytes(sizeof(ion_info)));
-    spoiler.check(
-        "parts", [&](auto* os) { return peri.get_partition_info(parts, os); }, part);
-    spoiler.check(
-        "blocks", [&](auto* os) { return peri.get_block_usage(os); }, bytes(sizeof(block_stat)));
-  }
-  {
-    bpu_ratio_manager bpu(loopback, port);
-    spoiler.check(
-        "bpu", [&](auto* os) { return bpu.get_bpu_ratio_all(os); }, bytes(sizeof(bpu_stat)));
-  }
-  {
-    vio_info_manager vio(loopback, port);
-    spoiler.check(
-        "vio", [&](auto* os) { return vio.sort_all_vio_fps(os); }, bytes(sizeof(vio_stat)));
-  }
-  net_stat_manager net(loopback, port);
-  spoiler.check(
-      "net", [&](auto* os) { return net.get_bandwidth_stat(os); }, bytes(sizeof(net_traffic)));
+bytes list_of_process(uint8_t pid, const std::string& name) {
+  bytes list(8 + sizeof(pid_msg));
+  list[0] = list[4] = 1;
+  list[8] = pid;
+  std::copy(name.begin(), name.end(), list.begin() + 16);
+  return list;
+}
+
+bytes line_of_process(uint8_t pid, const std::string& line) {
+  bytes record(sizeof(process_command));
+  record[0] = pid;
+  std::copy(line.begin(), line.end(), record.begin() + 4);
+  return record;
 }
 
 TEST(answers, process_list_counts_must_agree) {
   const scripted_server server(after_hello([](const message_header& request) {
-    bytes list(8 + 2 * sizeof(pid_msg));
-    list[0] = 146;  // claimed, and two come
+    bytes list = list_of_process(7, "camera");
+    list[0] = 146;  // claimed, and one comes
     return answer_to(request, 0, list);
   }));
   cpu_stat_manager cpu(loopback, server.port);
@@ -262,44 +216,33 @@ TEST(answers, process_list_counts_must_agree) {
 
 // A list of process 7, "camera", whose line is asked for next: the list is shown whatever comes.
 TEST(answers, command_lines_that_fail_lose_no_list) {
-  const auto line_of = [](uint8_t pid, const std::string& line) {
-    bytes record(sizeof(process_command));
-    record[0] = pid;
-    std::copy(line.begin(), line.end(), record.begin() + 4);
-    return record;
-  };
-  const bytes good = line_of(7, "camera --left\x1b[2J");
+  const bytes good = line_of_process(7, "camera --left\x1b[2J");
   bytes too_many;
   for (int i = 0; i <= max_pid_msgs; ++i) {
     too_many.insert(too_many.end(), good.begin(), good.end());
   }
   const struct {
     const char* name;
-    std::function<bytes(message_header)> make;
+    int status;
+    bytes lines;
     const char* shown;
     int asked;  // in seven calls: with the first two and then every fifth list
   } rows[] = {
-      {"good", [&](auto r) { return answer_to(r, 0, good); }, "camera --left?[2J\n", 3},
-      {"empty", [&](auto r) { return answer_to(r, 0, line_of(7, "")); }, "camera\n", 3},
-      {"not listed", [&](auto r) { return answer_to(r, 0, line_of(8, "camera x")); }, "camera\n",
-       3},
-      {"an older server", [](auto r) { return answer_to(r, -ENOSYS); }, "camera\n", 1},
-      {"too many", [&](auto r) { return answer_to(r, 0, too_many); }, "camera\n", 7},
-      {"fraction", [](auto r) { return answer_to(r, 0, bytes(127)); }, "camera\n", 7},
-      {"hang-up", [](auto) { return bytes(); }, "camera\n", 7},
+      {"good", 0, good, "camera --left?[2J\n", 3},
+      {"empty", 0, line_of_process(7, ""), "camera\n", 3},
+      {"not listed", 0, line_of_process(8, "camera x"), "camera\n", 3},
+      {"an older server", -ENOSYS, {}, "camera\n", 1},
+      {"too many", 0, too_many, "camera\n", 7},
+      {"fraction", 0, bytes(127), "camera\n", 7},
   };
   for (const auto& row : rows) {
     std::atomic<int> asked{0};
     const scripted_server server(after_hello([&](const message_header& request) {
-      if (request.sub_command == mon_protocol::cpu_command_lines) {
-        ++asked;
-        return row.make(request);
+      if (request.sub_command != mon_protocol::cpu_command_lines) {
+        return answer_to(request, 0, list_of_process(7, "camera"));
       }
-      bytes list(8 + sizeof(pid_msg));
-      list[0] = list[4] = 1;
-      list[8] = 7;
-      std::memcpy(&list[16], "camera", 6);
-      return answer_to(request, 0, list);
+      ++asked;
+      return answer_to(request, row.status, row.lines);
     }));
     cpu_stat_manager cpu(loopback, server.port);
     for (int i = 0; i < 7; ++i) {
@@ -318,20 +261,15 @@ TEST(reconnection, forgets_the_command_lines) {
   std::atomic<int> lists{0};
   const scripted_server server(after_hello([&](const message_header& request) {
     if (request.sub_command == mon_protocol::cpu_command_lines) {
-      bytes line(lists == 1 ? sizeof(process_command) : 0);
-      std::fill(line.begin(), line.end(), uint8_t{'7'});
-      return answer_to(request, 0, line);
+      return answer_to(request, 0, lists == 1 ? line_of_process(7, "camera --left") : bytes());
     }
-    bytes list(8 + sizeof(pid_msg), uint8_t{'7'});
-    std::memset(list.data(), 0, 8);
-    list[0] = 1;
-    return ++lists == 3 ? bytes() : answer_to(request, 0, list);
+    return ++lists == 3 ? bytes() : answer_to(request, 0, list_of_process(7, "camera"));
   }));
   cpu_stat_manager cpu(loopback, server.port);
   const auto has_line = [&] {
     std::ostringstream text;
     cpu.get_process_all(1, &text);
-    return text.str().find(std::string(sizeof pid_msg::comm + 1, '7')) != std::string::npos;
+    return text.str().find("camera --left") != std::string::npos;
   };
   EXPECT_TRUE(has_line());
   EXPECT_TRUE(has_line()) << "told once and kept";
@@ -360,21 +298,34 @@ TEST(answers, dripping_bytes_run_into_the_deadline) {
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(20));
 }
 
+// Notes what it is asked, and may hang up in place of its next answer.
+struct noting_server {
+  std::vector<int> take_seen() {
+    const std::lock_guard<std::mutex> guard(lock);
+    return std::exchange(seen, {});
+  }
+
+  std::function<bytes(const message_header&)> answer = [](auto request) {
+    return answer_to(request);
+  };
+  std::atomic<bool> hang_up{false};
+  std::mutex lock;        // guards what follows
+  std::vector<int> seen;  // commands, with the sub-command as the last digit
+  const scripted_server server{after_hello([this](const message_header& request) {
+    const std::lock_guard<std::mutex> guard(lock);
+    seen.push_back(request.command * 10 + request.sub_command);
+    return hang_up.exchange(false) ? bytes() : answer(request);
+  })};
+};
+
 // The server goes away after an answer and is back for the next but one request: monitoring that
 // was on is on again before the query, and what was switched off stays off.
 TEST(reconnection, restores_what_was_switched_on) {
-  std::mutex lock;
-  std::vector<int> seen;
-  std::atomic<bool> hang_up{false};
-  const scripted_server server(after_hello([&](const message_header& request) {
-    const std::lock_guard<std::mutex> guard(lock);
-    seen.push_back(request.command * 10 + request.sub_command);
-    return hang_up.exchange(false) ? bytes() : answer_to(request);
-  }));
-  net_stat_manager net(loopback, server.port);
+  noting_server noting;
+  net_stat_manager net(loopback, noting.server.port);
   std::ostringstream text;
   const auto hang_up_and_come_back = [&] {
-    hang_up = true;
+    noting.hang_up = true;
     EXPECT_EQ(net.get_bandwidth_stat(&text), -ECONNRESET);
     EXPECT_EQ(net.get_bandwidth_stat(&text), 0);
   };
@@ -382,73 +333,67 @@ TEST(reconnection, restores_what_was_switched_on) {
   hang_up_and_come_back();
   EXPECT_EQ(net.exit_net_monitor(), 0);
   hang_up_and_come_back();
-  const std::lock_guard<std::mutex> guard(lock);
-  EXPECT_EQ(seen, (std::vector<int>{61, 64, 61, 64, 63, 64, 64}));
+  EXPECT_EQ(noting.take_seen(), (std::vector<int>{61, 64, 61, 64, 63, 64, 64}));
 }
 
 // What an older server lacks it is asked once a connection; what it has is shown without the rest.
 TEST(reconnection, an_older_server_is_asked_for_what_it_has) {
-  std::vector<int> seen;
-  std::atomic<bool> hang_up{false};
-  const scripted_server server(after_hello([&](const message_header& request) {
-    const int what = request.command * 10 + request.sub_command;
-    seen.push_back(what);
-    if (what == 64 || what == 27) {
-      return answer_to(request, -ENOSYS);
-    }
-    const size_t size = what == 62 ? sizeof(net_stat) : 2 * sizeof(cpu_usage);
-    return hang_up.exchange(false) ? bytes() : answer_to(request, 0, bytes(size));
-  }));
-  std::ostringstream text;
+  noting_server noting;
+  noting.answer = [](const message_header& request) {
+    const bool lacks = request.sub_command == mon_protocol::net_by_direction ||
+                       request.sub_command == mon_protocol::cpu_system;
+    const bool net = request.command == mon_protocol::cmd_net;
+    return lacks ? answer_to(request, -ENOSYS)
+                 : answer_to(request, 0, bytes(net ? sizeof(net_stat) : 2 * sizeof(cpu_usage)));
+  };
   const auto ask_twice_on_two_connections = [&](auto ask) {
-    EXPECT_EQ(ask(), 0);
-    EXPECT_EQ(ask(), 0);
-    hang_up = true;
-    EXPECT_EQ(ask(), -ECONNRESET);
-    EXPECT_EQ(ask(), 0);
+    std::ostringstream text;
+    EXPECT_EQ(ask(&text), 0);
+    EXPECT_EQ(ask(&text), 0);
+    noting.hang_up = true;
+    EXPECT_EQ(ask(&text), -ECONNRESET);
+    EXPECT_EQ(ask(&text), 0);
+    return noting.take_seen();
   };
   {
-    net_stat_manager net(loopback, server.port);
-    ask_twice_on_two_connections([&] { return net.get_bandwidth_stat(&text); });
+    net_stat_manager net(loopback, noting.server.port);
+    const auto ask = [&net](std::ostream* os) { return net.get_bandwidth_stat(os); };
+    EXPECT_EQ(ask_twice_on_two_connections(ask), (std::vector<int>{64, 62, 62, 62, 64, 62}));
   }
-  {
-    cpu_stat_manager cpu(loopback, server.port);
-    ask_twice_on_two_connections([&] { return cpu.get_cpu_usage(&text); });
-  }
-  EXPECT_EQ(seen, (std::vector<int>{64, 62, 62, 62, 64, 62, 21, 27, 21, 21, 21, 27}));
+  cpu_stat_manager cpu(loopback, noting.server.port);
+  const auto ask = [&cpu](std::ostream* os) { return cpu.get_cpu_usage(os); };
+  EXPECT_EQ(ask_twice_on_two_connections(ask), (std::vector<int>{21, 27, 21, 21, 21, 27}));
 }
 
 // Counters that went to another client, while this one read them or while it was away, are not
 // asked for by a new connection: that would take them back, or be refused for ever.
 TEST(reconnection, lets_go_of_counters_that_are_busy) {
-  std::mutex lock;
-  std::vector<int> seen;
-  std::map<int, int32_t> status;
-  std::atomic<bool> hang_up{false};
-  const scripted_server server(after_hello([&](const message_header& request) {
-    const std::lock_guard<std::mutex> guard(lock);
-    seen.push_back(request.sub_command);
-    return hang_up.exchange(false) ? bytes() : answer_to(request, status[request.sub_command]);
-  }));
-  cpu_stat_manager cpu(loopback, server.port);
-  std::ostringstream text;
+  std::atomic<int> busy{0};  // the sub-command that is refused
+  noting_server noting;
+  noting.answer = [&busy](const message_header& request) {
+    return answer_to(request, request.sub_command == busy ? -EBUSY : 0);
+  };
+  cpu_stat_manager cpu(loopback, noting.server.port);
   const auto come_back = [&](const std::vector<int>& asked) {
-    hang_up = true;
+    noting.hang_up = true;
     EXPECT_EQ(cpu.cpu_mon_exit(), -ECONNRESET);
     EXPECT_EQ(cpu.cpu_mon_exit(), 0);
-    const std::lock_guard<std::mutex> guard(lock);
-    EXPECT_EQ(std::exchange(seen, {}), asked);
+    EXPECT_EQ(noting.take_seen(), asked);
   };
-  using namespace mon_protocol;
+  constexpr int enable = 20 + mon_protocol::cpu_enable_perf;
+  constexpr int data = 20 + mon_protocol::cpu_perf_data;
+  constexpr int exit = 20 + mon_protocol::cpu_exit;
   EXPECT_EQ(cpu.enable_perf_mon(), 0);
-  come_back({cpu_enable_perf, cpu_exit, cpu_enable_perf, cpu_exit});
-  status[cpu_perf_data] = -EBUSY;
+  come_back({enable, exit, enable, exit});
+  busy = mon_protocol::cpu_perf_data;
+  std::ostringstream text;
   EXPECT_EQ(cpu.get_perf_data(&text), -EBUSY);
-  come_back({cpu_perf_data, cpu_exit, cpu_exit});
+  EXPECT_EQ(text.str(), "");
+  come_back({data, exit, exit});
   EXPECT_EQ(cpu.enable_perf_mon(), 0);
-  status[cpu_enable_perf] = -EBUSY;
-  come_back({cpu_enable_perf, cpu_exit, cpu_enable_perf, cpu_exit});
-  come_back({cpu_exit, cpu_exit});
+  busy = mon_protocol::cpu_enable_perf;
+  come_back({enable, exit, enable, exit});
+  come_back({exit, exit});
 }
 
 // A write to a connection that the server closed must not raise SIGPIPE, which ends the program.
@@ -459,8 +404,9 @@ TEST(reconnection, a_dead_server_raises_no_signal) {
   EXPECT_LT(cpu.get_cpu_usage(&text), 0);
   server.reset();
   for (int i = 0; i < 3; ++i) {
-    EXPECT_EQ(cpu.get_cpu_usage(&text), -ECONNREFUSED);
+    EXPECT_EQ(cpu.get_perf_data(&text), -ECONNREFUSED);
   }
+  EXPECT_NE(text.str().find("Counters  no answer"), std::string::npos) << text.str();
   EXPECT_EQ(cpu.client->back_client_id(), -ENOTCONN);
 }
 

@@ -227,39 +227,35 @@ TEST(texts, lists_fit_their_place_and_leave_nothing_uncounted) {
 }
 
 TEST(texts, a_failed_query_says_why_in_the_room_that_it_has) {
-  using texts::text_form;
-  const std::string server = "127.0.0.1:7551";
+  constexpr auto line = texts::text_form::line;
+  constexpr auto ended = texts::text_form::ended_line;
+  constexpr auto brackets = texts::text_form::brackets;
   const struct {
-    texts::failed_query query;
+    const char* name;
+    texts::text_form form;
+    int status;
+    bool answered;
     size_t width;
     const char* text;
   } rows[] = {
-      {{"CPU", text_form::ended_line, -ECONNREFUSED, false, server},
-       69,
-       "CPU  no answer from 127.0.0.1:7551: Connection refused\n"},
-      {{"Thermal", text_form::line, -ETIMEDOUT, false, server},
-       50,
-       "Thermal  no answer from 127.0.0.1:7551: timed out"},
-      {{"Mem", text_form::brackets, -ECONNREFUSED, false, server},
-       47,
-       "[Mem no answer: Connection refused]"},
-      {{"ION", text_form::brackets, -ECONNREFUSED, false, server}, 30, "[ION no answer]"},
-      {{"Block", text_form::line, -ENOENT, true, server},
-       79,
+      {"CPU", ended, -ECONNREFUSED, false, 69, "CPU  no answer from h:75: Connection refused\n"},
+      {"Thermal", line, -ETIMEDOUT, false, 40, "Thermal  no answer from h:75: timed out"},
+      {"Mem", brackets, -ECONNREFUSED, false, 40, "[Mem no answer: Connection refused]"},
+      {"ION", brackets, -ECONNREFUSED, false, 30, "[ION no answer]"},
+      {"Block", line, -ENOENT, true, 79,
        "Block  the server has no figures: No such file or directory"},
-      {{"Net", text_form::ended_line, -EBADMSG, false, server}, 30, "Net  bad answer\n"},
-      {{"BPU", text_form::ended_line, -EUSERS, false, server},
-       79,
-       "BPU  127.0.0.1:7551: the monitor server is full (64 connections)\n"},
-      {{"Counters", text_form::ended_line, -EINVAL, true, server}, 13, "no figures\n"},
-      {{"Counters", text_form::ended_line, -EUSERS, false, server}, 13, "server full\n"},
-      {{"VIO", text_form::ended_line, -ENOTCONN, false, ""},
-       79,
-       "VIO  Transport endpoint is not connected\n"},
+      {"Net", ended, -EBADMSG, false, 20, "Net  bad answer\n"},
+      {"BPU", ended, -EUSERS, false, 79,
+       "BPU  h:75: the monitor server is full (64 connections)\n"},
+      {"Counters", ended, -EINVAL, true, 13, "no figures\n"},
+      {"Counters", ended, -EUSERS, false, 13, "server full\n"},
   };
   for (const auto& row : rows) {
-    EXPECT_EQ(texts::failure(row.query, row.width), row.text);
+    EXPECT_EQ(texts::failure({row.name, row.form, row.status, row.answered, "h:75"}, row.width),
+              row.text);
   }
+  EXPECT_EQ(texts::failure({"VIO", ended, -ENOTCONN, false, ""}, 79),
+            "VIO  Transport endpoint is not connected\n");
 }
 
 std::vector<cpu_usage> cpus(int count, float share = 12.5F) {

@@ -40,15 +40,9 @@ struct complete_board : temporary_folder {
     gzclose(packed);
   }
   void remove(const std::string& name) const { std::filesystem::remove_all(file(name)); }
-
-  server_options options() const {
-    server_options server;
-    server.sysroot = path;
-    return server;
-  }
   // Without the counters, which are of the machine that the test runs on.
   std::vector<finding> check() const {
-    std::vector<finding> all = check_all(options());
+    std::vector<finding> all = check_all(reading(path));
     const auto is_counter = [](const finding& one) {
       return one.family.find("counters") != std::string::npos;
     };
@@ -158,7 +152,7 @@ TEST(self_check, names_the_files_of_a_board_folder) {
   const complete_board board;
   board.write("folder/bpu/core0", "37\n");
   board.write("folder/vio/isp0", "driver is off\n");
-  server_options options = board.options();
+  server_options options = reading(board.path);
   options.board = board.file("folder");
   const std::string text = unwrapped(check_text(check_all(options)));
   EXPECT_THAT(text, HasSubstr("ok BPU cores " + options.board + "/bpu (1 core)"));

@@ -87,8 +87,7 @@ void check_answers(peri_stat_manager& client) {
 }
 
 TEST(server, answers_every_family_from_a_tree_of_files) {
-  server_options options;
-  options.sysroot = ZORVA_FIXTURES "/cpu64";
+  server_options options = reading(ZORVA_FIXTURES "/cpu64");
   options.board = ZORVA_FIXTURES "/board-4core/board";
   const running_server server(options);
   cpu_stat_manager cpu(loopback, server.port);
@@ -139,13 +138,18 @@ TEST(server, requests_without_sense_are_refused_and_the_connection_lives) {
 TEST(server, bad_messages_close_their_connection_only) {
   const running_server server;
   peri_stat_manager bystander(loopback, server.port);
-  bytes huge = request(1, mon_protocol::connection_hello);
+  const bytes hello = request(1, mon_protocol::connection_hello);
+  bytes huge = hello;
   huge[13] = 0x20;  // 8192 bytes of payload
   const std::string http = "GET / HTTP/1.1\r\nHost: localhost\r\nUser-Agent: a browser\r\n\r\n";
-  for (const bytes& bad : {huge, bytes(http.begin(), http.end()), bytes(40, 0)}) {
+  std::vector<bytes> all = {huge, bytes(http.begin(), http.end()), bytes(40, 0)};
+  for (const wrong_header& wrong : wrong_headers) {
+    all.push_back(wrong.of(hello));
+  }
+  for (const bytes& bad : all) {
     raw_connection connection(server.port);
     EXPECT_TRUE(send_bytes(connection.socket, bad));
-    read_to_end(connection.socket);
+    EXPECT_EQ(read_to_end(connection.socket), 0U) << testing::PrintToString(bad);
     check_answers(bystander);
   }
 }
@@ -265,25 +269,6 @@ TEST(server, gives_up_what_would_make_it_root) {
   EXPECT_EQ(status, 0);
 }
 
-// A request of each kind, with payload where the kind has one.
-std::vector<bytes> valid_requests() {
-  std::vector<bytes> all;
-  const std::pair<uint16_t, uint16_t> kinds[] = {{1, 2}, {2, 8}, {3, 5}, {4, 1}, {5, 1}, {6, 4}};
-  for (const auto& [command, last] : kinds) {
-    for (uint16_t sub_command = 1; sub_command <= last; ++sub_command) {
-      bytes payload;
-      if (command == 2 && sub_command == mon_protocol::cpu_process_list) {
-        payload = {1, 0, 0, 0};
-      } else if (command == 3 && sub_command == mon_protocol::peri_partitions) {
-        payload.resize(32);
-        payload[0] = '/';
-      }
-      all.push_back(request(command, sub_command, payload));
-    }
-  }
-  return all;
-}
-
 // Sends it, and nothing after it; what comes back until the server closes the connection.
 size_t bytes_answered_to(int port, const bytes& message) {
   raw_connection connection(port);
@@ -295,31 +280,20 @@ size_t bytes_answered_to(int port, const bytes& message) {
   return read_to_end(connection.socket);
 }
 
-TEST(server, wrong_headers_get_no_answer) {
-  const running_server server;
-  for (const wrong_header& wrong : wrong_headers) {
-    EXPECT_EQ(bytes_answered_to(server.port, wrong.of(request(1, mon_protocol::connection_hello))),
-              0U)
-        << wrong.why;
-  }
-}
-
 TEST(server, every_cut_and_every_flipped_bit_of_a_request_is_found) {
   const running_server server;
-  peri_stat_manager bystander(loopback, server.port);
-  for (const bytes& message : valid_requests()) {
-    const std::string name = testing::PrintToString(message);
-    EXPECT_GE(bytes_answered_to(server.port, message), mon_protocol::header_size) << name;
+  for (const bytes& message : {request(1, mon_protocol::connection_hello),
+                               request(2, mon_protocol::cpu_process_list, {1, 0, 0, 0})}) {
+    EXPECT_GE(bytes_answered_to(server.port, message), mon_protocol::header_size);
     for (size_t length = 0; length < message.size(); ++length) {
       const bytes cut(message.begin(), message.begin() + static_cast<std::ptrdiff_t>(length));
-      ASSERT_EQ(bytes_answered_to(server.port, cut), 0U) << name << " cut to " << length;
+      ASSERT_EQ(bytes_answered_to(server.port, cut), 0U) << "cut to " << length;
     }
     for (size_t bit = 0; bit < message.size() * 8; ++bit) {
       bytes flipped = message;
       flipped[bit / 8] ^= static_cast<uint8_t>(1 << bit % 8);
-      ASSERT_EQ(bytes_answered_to(server.port, flipped), 0U) << name << " bit " << bit;
+      ASSERT_EQ(bytes_answered_to(server.port, flipped), 0U) << "bit " << bit;
     }
-    check_answers(bystander);
   }
 }
 
@@ -399,9 +373,7 @@ TEST(server, failed_allocations_cost_only_their_client) {
 #ifdef __SANITIZE_ADDRESS__
   GTEST_SKIP() << "allocations are the sanitizer's";
 #endif
-  server_options options;
-  options.sysroot = ZORVA_FIXTURES "/cpu64";
-  const running_server server(options);
+  const running_server server(reading(ZORVA_FIXTURES "/cpu64"));
   raw_connection bystander(server.port);
   const bytes hello = request(1, mon_protocol::connection_hello);
   EXPECT_EQ(status_of(bystander, hello), 0);
@@ -478,9 +450,7 @@ TEST(server, command_lines_tell_processes_of_one_name_apart) {
   write_process(tree, 7, "fifo", 9, "");
   std::filesystem::remove(tree.file("proc/7/cmdline"));
   EXPECT_EQ(mkfifo(tree.file("proc/7/cmdline").c_str(), 0600), 0);
-  server_options options;
-  options.sysroot = tree.path;
-  const running_server server(options);
+  const running_server server(reading(tree.path));
   cpu_stat_manager cpu(loopback, server.port);
   const auto shows = [&cpu](int mode, const std::vector<std::string>& ends) {
     std::string list;
@@ -539,9 +509,7 @@ TEST(server, no_answer_waits_for_a_process_list) {
   for (int i = 2; i <= 5000; ++i) {
     std::filesystem::create_directory_symlink("1", tree.file("proc/" + std::to_string(i)));
   }
-  server_options options;
-  options.sysroot = tree.path;
-  const running_server server(options);
+  const running_server server(reading(tree.path));
   const bytes list = request(2, mon_protocol::cpu_process_list, {1, 0, 0, 0});
   raw_connection patient(server.port);
   {
@@ -598,9 +566,7 @@ TEST(server, each_client_has_rates_over_its_own_interval) {
   const auto received = [&tree](const std::string& total) {
     tree.write("proc/net/dev", "eth0: " + total + " 1 0 0 0 0 0 0 0 0 0 0 0 0 0 0\n");
   };
-  server_options options;
-  options.sysroot = tree.path;
-  const running_server server(options);
+  const running_server server(reading(tree.path));
   net_stat_manager early(loopback, server.port);
   std::ostringstream text;
   EXPECT_EQ(early.start_net_monitor(), 0) << "there is nothing to read yet";
@@ -626,9 +592,7 @@ TEST(server, traffic_of_both_directions_together_and_of_each) {
     tree.write("proc/net/dev", "eth0: " + std::to_string(transfers * 3072) + " 1 0 0 0 0 0 0 " +
                                    std::to_string(transfers * 1024) + " 0 2 3 0 0 0 0\n");
   };
-  server_options options;
-  options.sysroot = tree.path;
-  const running_server server(options);
+  const running_server server(reading(tree.path));
   raw_connection connection(server.port);
   transfer();
   EXPECT_EQ(status_of(connection, request(6, mon_protocol::net_start)), 0);
@@ -648,9 +612,7 @@ TEST(server, machine_as_a_whole) {
   tree.write("proc/meminfo", "MemTotal: 10 kB\nSwapTotal: 8 kB\nSwapFree: 7 kB\n");
   tree.write("proc/pressure/memory", "some total=1000000\nfull total=0\n");
   tree.write("sys/block/zram0/mm_stat", "4096 74 8192 0 0 0 0\n");
-  server_options options;
-  options.sysroot = tree.path;
-  const running_server server(options);
+  const running_server server(reading(tree.path));
   raw_connection connection(server.port);
   auto system = record_of<system_stat>(connection, 2, mon_protocol::cpu_system);
   EXPECT_TRUE(std::isnan(system.memory_full) && std::isnan(system.load_1));

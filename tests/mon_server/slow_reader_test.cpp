@@ -20,12 +20,16 @@ struct slow_reader_test : testing::Test {
   result ask(const std::string& key, const slow_reader::job& job) {
     std::optional<result> answer;
     reader.ask({key, key, this}, 0, job, [&](const result& got) { answer = got; });
-    EXPECT_TRUE(wait_until([&] {
+    EXPECT_TRUE(run_until([&] { return answer.has_value(); })) << key;
+    return answer.value_or(nullptr);
+  }
+  template <class condition>
+  bool run_until(const condition& done) {
+    return wait_until([&] {
       loop.restart();
       loop.poll();
-      return answer.has_value();
-    })) << key;
-    return answer.value_or(nullptr);
+      return done();
+    });
   }
 
   // Reads may outlive the reader.
@@ -68,11 +72,7 @@ TEST_F(slow_reader_test, one_lane_takes_one_thread) {
   }
   EXPECT_NE(ask("good", good), nullptr);
   EXPECT_EQ(unknown, 0U);
-  EXPECT_TRUE(wait_until([&] {
-    loop.restart();
-    loop.poll();
-    return unknown == 5;
-  }));
+  EXPECT_TRUE(run_until([&] { return unknown == 5; }));
   for (const char* key : {"a", "f"}) {
     reader.ask({key, "dead", this}, 0, dead, [&](const result& got) { unknown += got ? 0 : 1; });
   }
@@ -93,11 +93,7 @@ TEST_F(slow_reader_test, clients_take_turns) {
   want('b', 0);
   want('c', 0);
   want('b', 1);
-  EXPECT_TRUE(wait_until([&] {
-    loop.restart();
-    loop.poll();
-    return answered == 8;
-  }));
+  EXPECT_TRUE(run_until([&] { return answered == 8; }));
   EXPECT_EQ(order, "aabcabaa") << "the first had started before the others came";
 }
 

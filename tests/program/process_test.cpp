@@ -75,9 +75,8 @@ TEST(run, log_in_the_file_of_the_output_loses_no_line) {
   zorva_run run({{"-b", "-l", path}, "cpu_stat_manager\tthrow=refused", true, output});
   EXPECT_EQ(run.end(), "exit 255");
   close(output);
-  const std::string text = read_file(path);
-  EXPECT_TRUE(has(text, "\"refused\" when constructor parse manager\nzorva_top_init failed\n"))
-      << text;
+  EXPECT_TRUE(
+      has(read_file(path), "\"refused\" when constructor parse manager\nzorva_top_init failed\n"));
   EXPECT_TRUE(has(records(), "the log says why (" + path + ")\n"));
 }
 
@@ -122,6 +121,7 @@ TEST(signals, sent_from_outside) {
 }
 
 TEST(signals, faults_and_hanging_calls) {
+  const std::string query_crashes = waiting_query + std::string("\tcrash");
   struct {
     std::string script;
     const char* wait_for;
@@ -129,13 +129,13 @@ TEST(signals, faults_and_hanging_calls) {
     int signo;
     const char* steps;
   } const rows[] = {
-      {waiting_query + std::string("\tcrash"), waiting, "", SIGSEGV, all_steps},
+      {query_crashes, waiting, "", SIGSEGV, all_steps},
       {waiting_query + std::string("\traise=6"), waiting, "", SIGABRT, all_steps},
       // The reset behind the key H is a step of the clean-up too, so that it faults there again.
       {"cpu_mon_exit\tcrash", reported, "H", SIGSEGV, "cpu_mon_exit cpu_mon_exit "},
       {"get_cpu_usage\tblock", "get_cpu_usage cout", "\x03", SIGINT, all_steps},
       {"exit_net_monitor\tblock", reported, "\x03", SIGINT, "cpu_mon_exit exit_net_monitor "},
-      {"exit_net_monitor\tblock\nget_meminfo\tuntil=go\tcrash", waiting, "", SIGSEGV,
+      {"exit_net_monitor\tblock\n" + query_crashes, waiting, "", SIGSEGV,
        "cpu_mon_exit exit_net_monitor "},
   };
   for (const auto& row : rows) {
@@ -148,25 +148,23 @@ TEST(signals, faults_and_hanging_calls) {
   }
 }
 
-TEST(signals, what_is_not_on_is_not_called_off) {
-  zorva_run run({{"-b", "-n", "0"}, "back_client_id\traise=" + std::to_string(SIGSTKFLT)});
-  ASSERT_TRUE(run.wait_until_running());
-  run.terminal.type("\x03");
-  expect_death(run, SIGINT, "cpu_mon_exit back_client_id ");
-  // A second signal during the clean-up is only logged.
-  EXPECT_EQ(logged(clean_up_message(SIGSTKFLT)), 1U);
-}
-
-TEST(signals, before_there_is_a_client_object) {
-  // The modes as an earlier program may have left them.
-  zorva_run run({batch, "cpu_stat_manager\tblock", true, -1, ISIG});
-  ASSERT_TRUE(run.wait_until_running("cpu_stat_manager 127.0.0.1 1234"));
-  kill(run.pid, SIGINT);
-  expect_death(run, SIGINT, "");
-}
-
-TEST(signals, exception_that_nobody_catches) {
-  zorva_run run({batch, "peri_stat_manager\tthrow=int"});
+TEST(signals, what_is_not_on_or_not_there_is_not_called_off) {
+  {
+    zorva_run run({{"-b", "-n", "0"}, "back_client_id\traise=" + std::to_string(SIGSTKFLT)});
+    ASSERT_TRUE(run.wait_until_running());
+    run.terminal.type("\x03");
+    expect_death(run, SIGINT, "cpu_mon_exit back_client_id ");
+    // A second signal during the clean-up is only logged.
+    EXPECT_EQ(logged(clean_up_message(SIGSTKFLT)), 1U);
+  }
+  {
+    // The modes as an earlier program may have left them.
+    zorva_run run({batch, "cpu_stat_manager\tblock", true, -1, ISIG});
+    ASSERT_TRUE(run.wait_until_running("cpu_stat_manager 127.0.0.1 1234"));
+    kill(run.pid, SIGINT);
+    expect_death(run, SIGINT, "");
+  }
+  zorva_run run({batch, "peri_stat_manager\tthrow=int"});  // which nobody catches
   expect_death(run, SIGABRT, "cpu_mon_exit disable_perf_mon back_client_id ");
 }
 

@@ -190,6 +190,9 @@ TEST_F(keyboard, settings_and_calls_and_messages_in_order) {
       {"p", "", "sort 1 perf flush exit", perf_on},
       {"p", "enable_perf_mon\tstatus=-1", "sort 1 exit",
        perf_on + "E Enable perf monitor failed:-1\n"},
+      {"p", "enable_perf_mon\tstatus=-16,0", "sort 1 perf flush exit",
+       perf_on + "W Perf monitor only support one client, force show in this client\n" +
+           "disable_perf_mon\nenable_perf_mon\n"},
       {"pp", "disable_perf_mon\tstatus=-1", "sort 1 flush exit", perf_on + "disable_perf_mon\n"},
   };
   for (const auto& row : rows) {

@@ -101,40 +101,36 @@ TEST(protocol, headers_that_cannot_be_one_are_told_apart) {
   }
 }
 
+// The records of an example, behind so many bytes of its payload.
+template <class record>
+std::vector<record> records_of(const std::string& name, size_t skipped = 0) {
+  const bytes message = examples().at(name);
+  std::vector<record> records;
+  EXPECT_TRUE(decode_records(
+      {message.begin() + static_cast<ptrdiff_t>(header_size + skipped), message.end()}, records));
+  return records;
+}
+
 TEST(protocol, records_of_the_examples_hold_what_the_page_says) {
-  const auto page = examples();
-  const auto payload_of = [&page](const char* name, size_t skipped) {
-    const bytes& message = page.at(name);
-    return bytes(message.begin() + static_cast<ptrdiff_t>(header_size + skipped), message.end());
-  };
-  std::vector<pid_msg> list;
-  ASSERT_TRUE(decode_records(payload_of("process-list-answer", 8), list));
-  ASSERT_EQ(list.size(), 1U);
-  EXPECT_EQ(list[0].pid, 4242);
-  EXPECT_STREQ(list[0].comm, "camera");
-  EXPECT_EQ(list[0].process_usage, 150.0F);
-  EXPECT_TRUE(std::isnan(list[0].net_band));
-  EXPECT_EQ(list[0].rss, 20480);
-  std::vector<system_stat> systems;
-  ASSERT_TRUE(decode_records(payload_of("system-answer", 0), systems));
-  ASSERT_EQ(systems.size(), 1U);
-  EXPECT_EQ(systems[0].tasks, 118U);
-  EXPECT_EQ(systems[0].io_some, 0.25F);
-  EXPECT_TRUE(std::isnan(systems[0].memory_full));
-  EXPECT_EQ(systems[0].zram_used, 32768U);
-  std::vector<net_traffic> devices;
-  ASSERT_TRUE(decode_records(payload_of("traffic-answer", 0), devices));
-  ASSERT_EQ(devices.size(), 2U);
-  EXPECT_EQ(devices[0].tx_rate, 20.25);
-  EXPECT_EQ(devices[0].drops, 41U);
-  EXPECT_TRUE(std::isnan(devices[1].rx_rate));
-  EXPECT_EQ(devices[1].errors, unknown_u64);
-  const bytes& lines = page.at("command-lines-answer");
-  std::vector<process_command> commands;
-  ASSERT_TRUE(decode_records({lines.begin() + header_size, lines.end()}, commands));
-  ASSERT_EQ(commands.size(), 1U);
-  EXPECT_EQ(commands[0].pid, 4242);
-  EXPECT_STREQ(commands[0].text, "/usr/bin/camera --left");
+  const pid_msg process = records_of<pid_msg>("process-list-answer", 8).at(0);
+  EXPECT_EQ(process.pid, 4242);
+  EXPECT_STREQ(process.comm, "camera");
+  EXPECT_EQ(process.process_usage, 150.0F);
+  EXPECT_TRUE(std::isnan(process.net_band));
+  EXPECT_EQ(process.rss, 20480);
+  const system_stat system = records_of<system_stat>("system-answer").at(0);
+  EXPECT_EQ(system.tasks, 118U);
+  EXPECT_EQ(system.io_some, 0.25F);
+  EXPECT_TRUE(std::isnan(system.memory_full));
+  EXPECT_EQ(system.zram_used, 32768U);
+  const auto devices = records_of<net_traffic>("traffic-answer");
+  EXPECT_EQ(devices.at(0).tx_rate, 20.25);
+  EXPECT_EQ(devices.at(0).drops, 41U);
+  EXPECT_TRUE(std::isnan(devices.at(1).rx_rate));
+  EXPECT_EQ(devices.at(1).errors, unknown_u64);
+  const process_command command = records_of<process_command>("command-lines-answer").at(0);
+  EXPECT_EQ(command.pid, 4242);
+  EXPECT_STREQ(command.text, "/usr/bin/camera --left");
 }
 
 // The table of a record as the page has it, in the order of the offsets.

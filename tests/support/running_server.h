@@ -4,9 +4,17 @@
 #define RUNNING_SERVER_H
 
 #include <asio/io_context.hpp>
+#include <string>
 #include <thread>
 
 #include "server.h"
+
+// A server that reads the files below `root` in place of the machine's own.
+inline server_options reading(const std::string& root) {
+  server_options options;
+  options.sysroot = root;
+  return options;
+}
 
 class running_server {
  public:

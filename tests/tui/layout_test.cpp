@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
 #include <vector>
 
 namespace {
@@ -29,24 +30,19 @@ TEST(layout, covers_the_screen_without_overlap) {
   }
 }
 
-void expect_place(const position& got, const position& expected) {
-  EXPECT_EQ(got.x, expected.x);
-  EXPECT_EQ(got.y, expected.y);
-  EXPECT_EQ(got.width, expected.width);
-  EXPECT_EQ(got.height, expected.height);
+std::string place(const char* name, int width, int height, bool perf) {
+  const position at = default_layout(width, height, perf)[name];
+  return std::to_string(at.width) + 'x' + std::to_string(at.height) + " at " +
+         std::to_string(at.x) + ',' + std::to_string(at.y);
 }
 
 TEST(layout, places) {
-  auto plain = default_layout(200, 60, false);
-  EXPECT_EQ(plain.size(), 5u);
-  expect_place(plain["common"], {0, 0, 200, 3});
-  expect_place(plain["vio"], {70, 3, 130, 10});
-  expect_place(plain["process"], {0, 23, 200, 37});
-  auto counters = default_layout(200, 60, true);
-  expect_place(counters["perf"], {118, 23, 82, 37});
-  expect_place(counters["process"], {0, 23, 118, 37});
-  // Nothing is clamped where there is no room.
-  expect_place(default_layout(60, 20, true)["perf"], {118, 23, -58, -3});
+  EXPECT_EQ(place("common", 200, 60, false), "200x3 at 0,0");
+  EXPECT_EQ(place("vio", 200, 60, false), "130x10 at 70,3");
+  EXPECT_EQ(place("process", 200, 60, false), "200x37 at 0,23");
+  EXPECT_EQ(place("process", 200, 60, true), "118x37 at 0,23");
+  EXPECT_EQ(place("perf", 200, 60, true), "82x37 at 118,23");
+  EXPECT_EQ(place("perf", 60, 20, true), "-58x-3 at 118,23") << "nothing is clamped";
 }
 
 }  // namespace

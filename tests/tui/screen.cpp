@@ -50,12 +50,16 @@ void screen::resize(int rows, int columns) {
   vterm_set_size(terminal.get(), rows, columns);
 }
 
-std::string screen::text(int row, int column, int length) const {
+int screen::columns() const {
   int rows = 0;
   int columns = 0;
   vterm_get_size(terminal.get(), &rows, &columns);
+  return columns;
+}
+
+std::string screen::text(int row, int column, int length) const {
   std::string line;
-  for (int x = column; x < columns && x < column + length; ++x) {
+  for (int x = column; x < columns() && x < column + length; ++x) {
     const VTermScreenCell cell = cell_at(cells, row, x);
     line += cell.chars[0] == 0 ? ' ' : static_cast<char>(cell.chars[0]);
   }
@@ -64,22 +68,16 @@ std::string screen::text(int row, int column, int length) const {
 }
 
 int screen::bar_width(int row, int column) const {
-  int rows = 0;
-  int columns = 0;
-  vterm_get_size(terminal.get(), &rows, &columns);
   int width = 0;
-  while (column + width < columns && is_bar(cell_at(cells, row, column + width))) {
+  while (column + width < columns() && is_bar(cell_at(cells, row, column + width))) {
     ++width;
   }
   return width;
 }
 
 std::string screen::bars(int row) const {
-  int rows = 0;
-  int columns = 0;
-  vterm_get_size(terminal.get(), &rows, &columns);
   std::string found;
-  for (int x = 0; x < columns; ++x) {
+  for (int x = 0; x < columns(); ++x) {
     found += is_bar(cell_at(cells, row, x)) ? '#' : ' ';
   }
   return found;

@@ -36,6 +36,7 @@ class screen {
   struct free_terminal {
     void operator()(VTerm* one) const { vterm_free(one); }
   };
+  int columns() const;
   static int set_property(VTermProp property, VTermValue* value, void* self);
 
   std::unique_ptr<VTerm, free_terminal> terminal;

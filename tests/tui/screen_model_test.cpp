@@ -201,16 +201,14 @@ class walk {
   std::string resize() {
     constexpr int row_counts[] = {40, 24, 60, 43, 30, 23, 22, 18, 12, 5, 1};
     constexpr int column_counts[] = {132, 80, 118, 119, 160, 200, 70, 71, 60, 20, 1};
+    const int old_rows = rows;
+    const int old_columns = columns;
+    set_size(row_counts[below(11)], column_counts[below(11)]);
     if (below(3) == 0) {  // there and back
-      const int old_rows = rows;
-      const int old_columns = columns;
-      set_size(row_counts[below(11)], column_counts[below(11)]);
       if (below(2) == 0) {
         paint_frame(*winds);
       }
       set_size(old_rows, old_columns);
-    } else {
-      set_size(row_counts[below(11)], column_counts[below(11)]);
     }
     return std::to_string(columns) + 'x' + std::to_string(rows);
   }
@@ -219,9 +217,8 @@ class walk {
     rows = row_count;
     columns = column_count;
     shown.resize(rows, columns);
-    winsize size{};
-    size.ws_row = static_cast<unsigned short>(rows);
-    size.ws_col = static_cast<unsigned short>(columns);
+    const winsize size{static_cast<unsigned short>(rows), static_cast<unsigned short>(columns), 0,
+                       0};
     ioctl(master, TIOCSWINSZ, &size);
     winds->terminal_changed = true;
   }
