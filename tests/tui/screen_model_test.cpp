@@ -123,6 +123,10 @@ class walk {
           std::make_shared<window_info>(name, pos.x, pos.y, pos.width, pos.height, 1000), nullptr,
           nullptr);
     }
+    window_info without_room("", 0, 0, 0, 0, 1000);  // has no bar, and may be painted
+    without_room.win = newwin(1, 1, 0, 0);
+    without_room.update_window("head\n", true);
+    winds->terminal_changed = true;
   }
 
   // Empty, or what is wrong after a step.
@@ -136,6 +140,11 @@ class walk {
       const std::string wrong = wrong_between + compare();
       if (!wrong.empty()) {
         return "step " + std::to_string(step) + ": " + done + '\n' + wrong;
+      }
+      for (const auto& [name, panel] : winds->windows) {
+        if (panel->has_place) {
+          panel->update_window("", true);  // says nothing: all stays
+        }
       }
     }
     return "";
